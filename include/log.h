@@ -94,9 +94,9 @@ struct log_ctx {
     size_t total_out;            // bytes written since the stream was opened or rotated
     struct ll_status llst;
     struct rotation_ctx rota;
-    pid_t pid;            // printed in each line; 0: none
-    union n64_tag group;  // printed in each line; 0: none
-    lard_t lh;            // debug ring log, or null
+    pid_t pid;           // printed in each line; 0: none
+    union n64_tag group; // printed in each line; 0: none
+    lard_t lh;           // debug ring log, or null
     struct syslog_cfg syslg;
 };
 
@@ -190,7 +190,10 @@ const char* logbuf_text();
 // holds what did.
 int logbuf_prepare(const struct log_ctx* log, int level, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 // True if the channel has a debug ring log.
-inline bool lard_enabled(const struct log_ctx* log) { return log->lh != nullptr; }
+inline bool lard_enabled(const struct log_ctx* log)
+{
+    return log->lh != nullptr;
+}
 // Hands the line to the channel's ring log; a negative level also raises its temperature.
 void log_lard(const struct log_ctx* log, int level);
 // Writes the line to the channel's stream, mirror and syslog, and rotates the file when it is due.
