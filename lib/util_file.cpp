@@ -83,14 +83,6 @@ int make_dir(const char* caller, const char* dir, mode_t mode)
     return -1;
 }
 
-int point_to(const char* caller, int fd, int target)
-{
-    if (dup2(fd, target) >= 0) return 0;
-    const errno_keeper e;
-    tv_log(ll::error, "%s: dup2(%d, %d) ERROR(%d): %s\n", caller, fd, target, e.err, strerror(e.err));
-    return -1;
-}
-
 char type_letter(mode_t mode)
 {
     switch (mode & S_IFMT) {
@@ -243,12 +235,11 @@ int redirect_output(const char* fpath)
     // What was printed before belongs to where it was printed.
     (void)fflush(stdout);
     (void)fflush(stderr);
-    int rc = point_to(__func__, fd, STDOUT_FILENO);
-    if (0 == rc) rc = point_to(__func__, fd, STDERR_FILENO);
+    const bool done = W_dup2(__func__, fd, STDOUT_FILENO) >= 0 && W_dup2(__func__, fd, STDERR_FILENO) >= 0;
 
     const errno_keeper failure;
     if (fd > STDERR_FILENO) (void)W_close(__func__, fd); // both outputs hold the file by now
-    return rc;
+    return done ? 0 : -1;
 }
 
 int close_pipe(int pipefd[2])

@@ -5,6 +5,7 @@
 #include "util.h"
 
 #include "log.h"
+#include "syswrap.h"
 #include "util_int.h"
 
 #include <getopt.h>
@@ -29,14 +30,9 @@ using util_int::errno_keeper;
 // Goes on in a child; the parent leaves.
 int move_to_child(const char* caller)
 {
-    const pid_t pid = fork();
-    if (pid < 0) {
-        const errno_keeper e;
-        tv_log(ll::error, "%s: fork() ERROR(%d): %s\n", caller, e.err, strerror(e.err));
-        return -1;
-    }
+    const pid_t pid = W_fork(caller);
     if (pid > 0) exit(0);
-    return 0;
+    return pid < 0 ? -1 : 0;
 }
 
 int daemon_step_failed(const char* caller, const char* step)
