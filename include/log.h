@@ -50,7 +50,8 @@ inline constexpr int record = -127; // raw record: no tag, no gate
 inline constexpr size_t LOG_PATHNAME_MAX = 128;
 inline constexpr size_t LOG_GRP_MAX = 32;
 inline constexpr size_t LOG_ERRMSG_MAX = 256;
-inline constexpr size_t LOG_LEVELS_MAX = 128; // modules, and sections
+inline constexpr size_t LOG_LEVELS_MAX = 128;   // modules, and sections
+inline constexpr size_t LOG_OUTBUF_SIZE = 2048; // the line buffer with its terminator
 inline constexpr size_t LOG_ROTA_SLOTS = 128;
 
 // Time format flags (`time_format`). The low two bits name the clock: 0 CLOCK_REALTIME, 1 CLOCK_MONOTONIC.
@@ -119,6 +120,7 @@ extern struct log_ctx g_stats_log;
 extern struct log_module_ctx g_logmod;
 extern int g_mod_ll[LOG_LEVELS_MAX];
 extern int g_sec_ll[LOG_LEVELS_MAX];
+extern char g_outbuf[LOG_OUTBUF_SIZE]; // the line being built; only the functions below touch it
 
 // ---- call forms -----------------------------------------------------------------------------------------------
 
@@ -144,14 +146,17 @@ inline bool log_gate_open(const struct loglevel_ctx* lc, int level)
 
 // Writes a line on g_log at a level (an `ll::` constant). The ring log is not gated; the line is built at most
 // once for both, and not at all when neither takes it.
-#define tv_log(level, ...)                                                                                             \
+#define tv_log(level, ...) tv_log_as(&g_llctx, (level), __VA_ARGS__)
+
+// The same, with the gate of another level context.
+#define tv_log_as(lc, level, ...)                                                                                      \
     do {                                                                                                               \
         logbuf_reset();                                                                                                \
         if (lard_enabled(&g_log)) {                                                                                    \
             (void)logbuf_prepare(&g_log, (level), __VA_ARGS__);                                                        \
             log_lard(&g_log, (level));                                                                                 \
         }                                                                                                              \
-        if (log_gate_open(&g_llctx, (level))) {                                                                        \
+        if (log_gate_open((lc), (level))) {                                                                            \
             if (logbuf_empty()) (void)logbuf_prepare(&g_log, (level), __VA_ARGS__);                                    \
             log_flush(&g_log, (level));                                                                                \
         }                                                                                                              \
@@ -168,27 +173,37 @@ inline bool log_gate_open(const struct loglevel_ctx* lc, int level)
 // plain assertion that shows the expression as written. Live in every build. No side effects inside.
 #define tv_assert_logged(expr)                                                                                         \
     do {                                                                                                               \
-        if (!(expr)) {                                                                                                 \
-            char tv_bt_[512];                                                                                          \
-            (void)btrace_to_buf(tv_bt_, sizeof(tv_bt_) - 1);                                                           \
-            tv_log(ll::panic, "ASSERT at:\n%s==\n", tv_bt_);                                                           \
-            if (g_log.fp) fflush(g_log.fp);                                                                            \
-            __assert_fail(#expr, __FILE__, __LINE__, __extension__ __PRETTY_FUNCTION__);                               \
-        }                                                                                                              \
+        if (!(expr)) log_assert_failed(&g_llctx, #expr, __FILE__, __LINE__, __extension__ __PRETTY_FUNCTION__);        \
     } while (0)
+
+// The failing side of tv_assert_logged: logs "ASSERT at:" with the call stack at panic through the given gate,
+// flushes g_log's stream, and ends the process as a failed assertion does.
+[[noreturn]] void log_assert_failed(const struct loglevel_ctx* lc, const char* expr, const char* file, unsigned line,
+                                    const char* func) __attribute__((cold));
 
 // ---- the line buffer (used by the call forms) -----------------------------------------------------------------
 
 // Empties the buffer.
-void logbuf_reset();
+inline void logbuf_reset()
+{
+    g_outbuf[0] = '\0';
+}
 // True if nothing has been built.
-bool logbuf_empty();
+inline bool logbuf_empty()
+{
+    return g_outbuf[0] == '\0';
+}
 // The line as it stands, zero-terminated. Valid until the next call form.
-const char* logbuf_text();
+inline const char* logbuf_text()
+{
+    return g_outbuf;
+}
 // Builds a line: time, process ID, tag, group, message, as far as the channel and level ask for them. Returns the
-// length of the message, or -1 if the head or the message did not fit (2047 characters in all); the buffer then
-// holds what did.
-int logbuf_prepare(const struct log_ctx* log, int level, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+// length of the message, or -1 after a word on stderr if the head or the message did not fit (2047 characters in
+// all) or the message is empty; the buffer then holds what did fit, without the message's end.
+// Requires: the last byte of the channel's group is 0.
+int logbuf_prepare(const struct log_ctx* log, int level, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4), cold));
 // True if the channel has a debug ring log.
 inline bool lard_enabled(const struct log_ctx* log)
 {
@@ -196,7 +211,8 @@ inline bool lard_enabled(const struct log_ctx* log)
 }
 // Hands the line to the channel's ring log; a negative level also raises its temperature.
 void log_lard(const struct log_ctx* log, int level);
-// Writes the line to the channel's stream, mirror and syslog, and rotates the file when it is due.
+// Writes the line to the channel's stream, mirror and syslog, and rotates the file when it is due. An empty buffer is
+// no line. A channel that has no stream, or has lost it in a rotation, goes on at standard error.
 void log_flush(struct log_ctx* log, int level);
 
 // ---- channels -------------------------------------------------------------------------------------------------
