@@ -30,8 +30,8 @@
 // ---- constants ------------------------------------------------------------------------------------------------
 
 inline constexpr size_t TS_PKT_BYTES = TS_MIN_PKTSIZE; // bytes of a packet that the analyzer looks at
-inline constexpr unsigned PID_PAT = 0;
-inline constexpr unsigned PID_SDT = 17;
+inline constexpr unsigned PAT_PKT_PID = 0;
+inline constexpr unsigned SDT_PKT_PID = 17;
 inline constexpr size_t NUM_PIDS = 8192;
 inline constexpr size_t PSI_MAX_SECTIONS = 256; // sections of a table
 // Room for a section with any length field (4095 bytes behind the first three), and for what a reader that trusts its
@@ -277,22 +277,32 @@ inline uint64_t pes_get_DTS(std::span<const uint8_t> pld)
     return pes_timestamp(pld.subspan<PES_DTS_END - 5, 5>());
 }
 
-// ---- tables (tsanalyze.cpp) -----------------------------------------------------------------------------------
+// ---- tables (tsanalyze_map.cpp) -------------------------------------------------------------------------------
 
 // The program index of a PMT PID: the place in the list, which a 0 ends; -1 if it is not there.
 ssize_t get_pmt_pg(const struct tsan_ctx* tc, unsigned pid);
+// What the walk over programs and streams finds for a PID.
+struct pid_slot find_pid_slot(const struct tsan_ctx* tc, unsigned pid);
 // Brings the PID map in step with the tables. To be called behind every change of pmt_pid, nprogs, or a program's
 // streams.
 void pid_map_rebuild(struct tsan_ctx* tc);
-// The section of a PAT or PMT packet (what stands behind the pointer_field, if the unit-start bit is set), as far as
-// the packet goes. Empty if it has none.
+
+// ---- sections (tsanalyze_map.cpp) -----------------------------------------------------------------------------
+
+// The section of a PAT or PMT packet, as far as the packet goes: what stands behind the pointer_field, if the
+// unit-start bit is set, and the whole payload otherwise. By design the pointer_field's value is not looked at.
+// Empty if the packet has none.
 std::span<const uint8_t> psi_section(const uint8_t* pkt);
 // Copies a section to tc->psi_buf with zeros behind it and returns the copy. It lasts until the next call.
+// Requires: at most TS_PKT_BYTES bytes.
 uint8_t* psi_private_copy(struct tsan_ctx* tc, std::span<const uint8_t> sec);
-// True if these bytes are the memo's.
+// True if these bytes are the memo's. False for an empty memo.
 bool memo_matches(const struct psi_memo* memo, std::span<const uint8_t> sec);
+// Requires: at most TS_PKT_BYTES bytes; count at most MAX_NSTREAMS.
 void memo_keep(struct psi_memo* memo, std::span<const uint8_t> sec, size_t count);
 void memo_drop(struct psi_memo* memo);
+
+// ---- the record as a whole (tsanalyze_map.cpp) ----------------------------------------------------------------
 
 // True if the record is in a state that the analyzer can have brought it to; otherwise false, with the broken rule's
 // words on *why (if given). No effects.
@@ -302,13 +312,18 @@ void tsan_dump(FILE* fp, const struct tsan_ctx* tc);
 
 // ---- PAT (tsanalyze_pat.cpp) ----------------------------------------------------------------------------------
 
-// Takes a PAT section while no program is known. Requires: `pld` is a private copy (psi_private_copy), here and below.
+// Takes the section of a PAT packet: the first complete table fills the list of programs, later ones are compared.
+void take_PAT(struct tsan_ctx* tc, std::span<const uint8_t> sec);
+// Takes a section while no program is known. Requires: `pld` is a private copy (psi_private_copy), here and below.
 void process_PAT(struct tsan_ctx* tc, uint8_t* pld);
-// Takes a PAT section when programs are known, and compares the table when it is complete.
-void another_PAT(struct tsan_ctx* tc, uint8_t* pld);
-// The same for a packet's section, by the memo where that is enough.
-void take_another_PAT(struct tsan_ctx* tc, std::span<const uint8_t> sec);
-// Frees the sections of a table and the block of tc->new_pat.
+// Takes a section when programs are known, and compares the table when it is complete. True if the comparison ran
+// and left no trace.
+bool another_PAT(struct tsan_ctx* tc, uint8_t* pld);
+// The index of a PID, or -1.
+ssize_t find_pid(const unsigned* pids, size_t count, unsigned pid);
+// Empties both tables; what they held is not freed.
+void init_pat_tables(struct tsan_ctx* tc);
+// Frees both tables.
 void free_pat_tables(struct tsan_ctx* tc);
 
 // ---- PMT (tsanalyze_pmt.cpp) ----------------------------------------------------------------------------------
@@ -316,6 +331,17 @@ void free_pat_tables(struct tsan_ctx* tc);
 // Takes the section of a PMT packet for the current program: the first one fills the stream table, later ones are
 // compared with the text in use.
 void take_PMT(struct tsan_ctx* tc, std::span<const uint8_t> sec, unsigned pid);
+// Fills the current program's stream table. Requires: `pld` is a private copy that pmt_fit took, here and below.
+void process_PMT(struct tsan_ctx* tc, uint8_t* pld, unsigned pid);
+// Non-zero if the PMT's text differs from the one in use; the new text then takes its place, behind an alert. The
+// section's bytes `sec` are noted as those of the text in use. Without memory it counts as the same.
+int cmp_PMT(struct tsan_ctx* tc, uint8_t* pld, unsigned pid, std::span<const uint8_t> sec);
+// Rebuilds the stream table; a stream that stays under its PID keeps its counters.
+void update_PMT(struct tsan_ctx* tc, uint8_t* pld, unsigned pid);
+// Makes a private copy of a PMT section safe to walk and print: `avail` bytes of it came with the packet. One that
+// runs past them is cut where they end, its length fields with it. Null if that is done; otherwise the reason, in
+// words, why its own lengths can't hold (tsanalyze_pmtfit.cpp).
+const char* pmt_fit(uint8_t* pld, size_t avail);
 // Class of a stream_type: 'V', 'A', 'S', or '?' for one that is not tracked.
 char code2stype(uint8_t scode);
 // The index of the first stream with a PID, or -1.
