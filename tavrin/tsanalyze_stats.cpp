@@ -66,9 +66,10 @@ void dump_alerts(FILE* fp, const struct pg_alert_count* al)
 
 void log_global_stats(const struct tsan_ctx* tc)
 {
-    tv_record(&g_access_log, "STAT GLOBAL %s %ld %zu %lu %lu %lu %lu\n", tc->cfg.source,
-              diff_ms(&tc->start_tm, nullptr), tc->nprogs, tc->pre_skipped, tc->gac.lost_sync, tc->gac.pat_diff,
-              tc->gac.cc_mlr);
+    // Without a packet there is no start to count from.
+    const long age_ms = tc->ptotal != 0 ? diff_ms(&tc->start_tm, nullptr) : 0;
+    tv_record(&g_access_log, "STAT GLOBAL %s %ld %zu %lu %lu %lu %lu\n", tc->cfg.source, age_ms, tc->nprogs,
+              tc->pre_skipped, tc->gac.lost_sync, tc->gac.pat_diff, tc->gac.cc_mlr);
 }
 
 void log_pmt_stats(const struct tsan_ctx* tc, size_t index)
