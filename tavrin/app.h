@@ -188,8 +188,9 @@ int process_snapshot();
 // Writes the ring's content to a new file now and ends any waiting. 0, or -1 if the file can't be made; by design
 // a failed write counts as done. `suffix` is the reason: "N" now, "A" alarm, "B" byte count.
 int take_snapshot(const char* suffix);
-// Creates the file for g_ctx.snap_tm and leaves its path in `fpath` (`len` bytes). The descriptor, or -1. By design
-// the suffix takes no part in the name.
+// Creates the file for g_ctx.snap_tm and leaves its path in `fpath`: at most `len` characters, 127 in any case, and
+// a terminating zero. The descriptor, or -1; a path is never cut. By design the suffix takes no part in the name.
+// Requires: fpath has room for len + 1 bytes.
 int mk_snapshot_file(char* fpath, size_t len, const char* suffix);
 // Arms the one-shot timer for tail_tm_ms. 0, or -1 (logged).
 // Requires: no alarm pending (a plain assertion otherwise).
