@@ -1,0 +1,143 @@
+// Writes the seed corpora: fuzz_make_seeds CORPUS_FOLDER. Same program, same files.
+#include "support/ts_build.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+using namespace tsb;
+
+namespace
+{
+
+std::filesystem::path g_root;
+
+void seed(const char* corpus, const char* name, bytes_view data)
+{
+    const std::filesystem::path dir = g_root / corpus;
+    std::filesystem::create_directories(dir);
+    std::ofstream out(dir / name, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+    if (!out) {
+        perror((dir / name).c_str());
+        exit(1);
+    }
+}
+
+void seed(const char* corpus, const char* name, std::string_view text)
+{
+    seed(corpus, name, bytes_view(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+}
+
+// The first byte of these corpora chooses flags.
+bytes with_flags(uint8_t flags, bytes_view data)
+{
+    return cat({bytes_view(&flags, 1), data});
+}
+
+void make_dstream()
+{
+    const std::vector<packet> v = stream(one_program()).take(21);
+    seed("dstream", "ts188", with_flags(0, cat(v)));
+    seed("dstream", "ts192", with_flags(2, widen(v, 192)));
+    seed("dstream", "ts204_behind_noise", with_flags(0, cat({noise(40), widen(v, 204)})));
+    seed("dstream", "ts208", with_flags(0, widen(v, 208)));
+    seed("dstream", "rtp_stream", with_flags(2, cat(rtp_run(v, 7))));
+    seed("dstream", "rtp_datagram", with_flags(3, rtp_run(v, 7)[0]));
+    seed("dstream", "rtp_padded", with_flags(2, rtp_raw(cat(std::span(v).first(6))).padding(20).build()));
+    seed("dstream", "rtp_short", with_flags(2, rtp(std::vector<packet>{v[0]}).build()));
+    seed("dstream", "noise", with_flags(0, noise(300)));
+    const bytes unit = pes(0xe0).pts(90000).payload(
+        cat({bytes{0, 0, 1, 0xb3, 1, 2, 3, 4, 0, 0, 1, 0, 0, 0x0f, 0xff}, fill(200, 0x55)}));
+    const std::vector<packet> picture = {
+        pkt().pid(101).pcr(90000).random_access().unit_start().payload(bytes_view(unit).first(150)),
+        carry(unit, 101)[0]};
+    seed("dstream", "iframe", with_flags(0, cat(picture)));
+}
+
+void make_rtp()
+{
+    const std::vector<packet> v = stream(one_program()).take(7);
+    seed("rtp", "seven", with_flags(0, rtp(v).build()));
+    seed("rtp", "marker_and_padding", with_flags(0, rtp(v).marker().padding(9).build()));
+    seed("rtp", "extension", with_flags(0, rtp(v).extension(fill(8, 0)).build()));
+    seed("rtp", "sources", with_flags(0, rtp(v).csrc({1, 2}).build()));
+    seed("rtp", "video", with_flags(0, rtp(v).type(32).build()));
+    seed("rtp", "one", with_flags(0, rtp(std::vector<packet>{v[0]}).build()));
+    seed("rtp", "plain_ts", with_flags(0, cat(v)));
+    seed("rtp", "no_rtp_hint", with_flags(1, rtp(v).build()));
+    seed("rtp", "cut", with_flags(0, bytes_view(rtp(v).build()).first(14)));
+}
+
+void make_tsan()
+{
+    seed("tsan", "one_program", cat(stream(one_program()).take(30)));
+    seed("tsan", "three_programs", cat(stream(many_programs(3, 3)).take(40)));
+    seed("tsan", "lost_packets", cat(drop(drop(stream(one_program()).take(40), 101, 3, 2), 102, 2)));
+
+    stream changing(one_program());
+    std::vector<packet> v = changing.take_round();
+    changing.plan.psi_every = 1;
+    changing.plan.programs[0].streams.push_back({ES_AC3, 103, lang_desc("deu")});
+    changing.plan.programs.push_back({2, 200, 201, {{ES_MPEG2_VIDEO, 201}, {ES_PRIVATE, 202}}});
+    changing.pat_version = changing.pmt_version = 1;
+    for (int i = 0; i < 2; ++i)
+        for (const packet& p : changing.take_round())
+            v.push_back(p);
+    seed("tsan", "changing_tables", cat(v));
+
+    // Descriptors of every shape that the printer knows, a few bytes each.
+    const bytes descs[] = {desc(0x0a, bytes{'e', 'n', 'g', 0}), desc(0x59, bytes{'e', 'n', 'g', 0x10, 0, 1, 0, 1}),
+                           desc(0x45, bytes{1, 1, 0xe7}), desc(0x05, bytes{'H', 'D', 'M', 'V'})};
+    std::vector<packet> d = wrap(pat({{1, 100}}).build(), PID_PAT);
+    unsigned cc = 0;
+    for (const bytes& one : descs)
+        d.push_back(wrap1(pmt(1, 101, {{ES_AVC, 101, one}, {ES_PRIVATE, 102, one}}).descs(one).build(), 100, cc++));
+    d.push_back(pkt().pid(101).pcr(90000).unit_start().payload(pes(0xe0).pts(90000).dts(80000).payload(20).build()));
+    d.push_back(pkt().pid(101).cc(1).no_payload().af_len(183));
+    d.push_back(pkt().pid(101).cc(1).unit_start().payload(bytes{0, 0, 1, 0xe0}));
+    seed("tsan", "descriptors", cat(d));
+
+    std::vector<packet> split = wrap(pat({{1, 100}}).number(0, 1).build(), PID_PAT);
+    split.push_back(wrap1(pat({{2, 200}}).number(1, 1).build(), PID_PAT, 1));
+    std::vector<es> many(30, es{ES_AAC, 300, lang_desc("eng")});
+    for (const packet& p : wrap(pmt(1, 101, many).build(), 100))
+        split.push_back(p);
+    seed("tsan", "long_tables", cat(split));
+}
+
+void make_texts()
+{
+    seed("uri", "multicast", "udp://239.1.1.1:5000");
+    seed("uri", "source_specific", "rtp://10.0.0.1@239.1.1.1:5000/x?ifc=eth0&ttl=3");
+    seed("uri", "ipv6", "tcp://[::1]:8080/a/b");
+    seed("uri", "http", "http://user:pw@example.com/live/a.ts?q=1?r=2");
+    seed("uri", "file", "file:///tmp/x.ts");
+    seed("uri", "plain", "/tmp/x.ts");
+    seed("uri", "open_bracket", "[fe80::1%eth0");
+    seed("uri", "empty", " \tudp://");
+
+    seed("http", "ok", "HTTP/1.1 200 OK\r\nServer: x\r\nContent-Type: video/MP2T\r\n\r\nG1234567");
+    seed("http", "bare_newlines", "HTTP/1.0 200 OK\n\nG123");
+    seed("http", "redirect", "HTTP/1.1 302 Found\r\nLocation: http://x/\r\n\r\n");
+    seed("http", "cut", "HTTP/1.1 200 OK\r\nServer");
+    seed("http", "no_reason", "HTTP/1.1 200\r\n\r\n");
+    seed("http", "long_tail", "HTTP/1.1 200 OK\r\n\r\n" + std::string(600, 'G'));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        fprintf(stderr, "usage: %s CORPUS_FOLDER\n", argv[0]);
+        return 2;
+    }
+    g_root = argv[1];
+    make_dstream();
+    make_rtp();
+    make_tsan();
+    make_texts();
+    return 0;
+}
