@@ -13,11 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace prk
@@ -68,12 +70,14 @@ piped_log::piped_log()
     glog_init("test");
     log_default(&g_log, out);
     log_timefmt(&g_log, LTF_NO_TIME);
+    std::copy(std::begin(g_mod_ll), std::end(g_mod_ll), saved_levels);
     log_set_modules(&g_log, ll::debug);
 }
 
 piped_log::~piped_log()
 {
     log_default(&g_log, stderr);
+    std::copy(std::begin(saved_levels), std::end(saved_levels), g_mod_ll);
     fclose(out);
     close(in);
 }

@@ -3,6 +3,8 @@
 #ifndef TESTS_SUPPORT_PROC_KIT_H
 #define TESTS_SUPPORT_PROC_KIT_H
 
+#include "log.h"
+
 #include <sys/types.h>
 
 #include <cstdio>
@@ -30,6 +32,7 @@ public:
 private:
     FILE* out = nullptr;
     int in = -1;
+    int saved_levels[LOG_LEVELS_MAX];
 };
 
 // A fresh directory under the system's temporary one, removed with all that is in it. Readable by everyone.

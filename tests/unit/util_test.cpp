@@ -94,6 +94,8 @@ TEST(util, a_quit_signal_that_cannot_be_had_stops_the_installing)
 {
     piped_log log;
     const int rc = in_child([] {
+        for (const int signum : {SIGTERM, SIGQUIT, SIGINT})
+            signal(signum, SIG_DFL);
         if (!prk::fail_syscall(SYS_rt_sigaction, EPERM, prk::arg_is{0, SIGQUIT})) return 99;
         return handle_quit_signals(note_signal) == -1 && action_of(SIGTERM).sa_handler == note_signal &&
                        action_of(SIGINT).sa_handler == SIG_DFL
@@ -172,6 +174,7 @@ TEST(util, a_handler_within_a_handler_leaves_the_signal_context_up)
     g_sigctx = 1;
     on_sighup(SIGHUP);
     EXPECT_EQ(1, g_sigctx);
+    g_sigctx = 0;
 }
 
 // ---- files and directories ------------------------------------------------------------------------------------
