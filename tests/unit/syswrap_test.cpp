@@ -242,9 +242,12 @@ TEST_F(SyswrapTest, pipe_names_what_it_was_given)
     const struct rlimit none = {0, old.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
     int fds[2] = {-1, -2};
-    EXPECT_EQ(W_pipe(ME, fds), -1);
-    expect_error("caller: pipe([-1,-2]) ERROR(24): Too many open files", EMFILE);
+    const int rc = W_pipe(ME, fds);
+    const int err = errno;
     setrlimit(RLIMIT_NOFILE, &old);
+    EXPECT_EQ(rc, -1);
+    errno = err;
+    expect_error("caller: pipe([-1,-2]) ERROR(24): Too many open files", EMFILE);
     EXPECT_EQ(W_pipe(ME, fds), 0);
     expect_silence();
     EXPECT_EQ(W_close(ME, fds[0]), 0);
