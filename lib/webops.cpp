@@ -155,7 +155,9 @@ ssize_t read_http(int fd, char* buf, size_t size, size_t offset, ssize_t* tail)
 {
     const ssize_t nrd = nread(fd, buf + offset, size - offset, 0);
     if (nrd < 1) {
+        const int err = errno; // the caller reads it
         tv_log(ll::debug, "%s: EOD(%zd) for fd%d\n", __func__, nrd, fd);
+        errno = err;
         return nrd;
     }
     const ssize_t eod = head_eod(buf, offset + static_cast<size_t>(nrd));
