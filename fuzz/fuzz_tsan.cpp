@@ -1,6 +1,7 @@
 // Under attack: the analyzer's packet path, all checks and traces on. The input is a run of packets, the last one cut.
 #include "fuzz/fuzz_common.h"
 #include "fuzz/tsan_guard.h"
+#include "log.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -26,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         FUZZ_CHECK(tsan_get_pidx(t) == ++taken);
     }
     tsan_check_ndat(t);
-    tsan_dump_stats(nullptr, t);
+    tsan_dump_stats(log_fp(&g_log), t);
     tsan_alog_stats(t);
     tsan_reset_local_stats(t);
     tsan_free(t);

@@ -101,6 +101,8 @@ void make_tsan()
 
     std::vector<packet> split = wrap(pat({{1, 100}}).number(0, 1).build(), PID_PAT);
     split.push_back(wrap1(pat({{2, 200}}).number(1, 1).build(), PID_PAT, 1));
+    split.push_back(wrap1(pat({}).version(1).build(), PID_PAT, 2));
+    split.push_back(wrap1(pat({{1, 100}}).version(2).build(), PID_PAT, 3));
     std::vector<es> many(30, es{ES_AAC, 300, lang_desc("eng")});
     for (const packet& p : wrap(pmt(1, 101, many).build(), 100))
         split.push_back(p);

@@ -40,15 +40,20 @@ private:
     {
         const size_t end = ((sec[1] & 0x0fU) << 8 | sec[2]) + 3U;
         const size_t sections = sec[7] + 1U;
+        const bool alone = sections == 1 && sec[6] == 0;
         size_t count = 0;
         for (size_t at = head; at + entry + crc <= end && count < MAX_PMTS; at += entry, ++count)
             if (pid_at(sec, at + 2) == 0) return true;
-        if (count == 0 || count * sections >= MAX_PMTS) return true;
+        if (count * sections >= MAX_PMTS) return true;
+        // A later PAT may be empty: it takes the programs away. Of tables in several sections nothing is known.
+        if (count == 0 && !(alone && m_has_programs)) return true;
+        m_has_programs = alone && count > 0;
         for (size_t i = 0; i < count; ++i)
             m_pmt_pids.set(pid_at(sec, head + i * entry + 2));
         return false;
     }
 
+    bool m_has_programs = false;  // as far as known: the analyzer has a list of programs
     std::bitset<8192> m_pmt_pids; // all that a PAT ever listed
 };
 
