@@ -51,7 +51,7 @@ bool sync_found_near_end(const struct mm_ring* mr, std::span<const uint8_t> rest
     if (readable >= rtpf::lookahead) return mmr_sync_found(mr->stype.num, rest.data());
 
     std::array<uint8_t, rtpf::lookahead> padded = {};
-    std::copy_n(rest.begin(), readable, padded.begin());
+    std::copy_n(rest.data(), readable, padded.begin());
     return mmr_sync_found(mr->stype.num, padded.data());
 }
 
