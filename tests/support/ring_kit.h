@@ -6,6 +6,7 @@
 #include "lib/mmr_int.h"
 #include "log.h"
 #include "mmr.h"
+#include "support/log_capture.h"
 #include "support/ts_build.h"
 
 #include <fcntl.h>
@@ -67,38 +68,22 @@ inline bytes rtp_bytes(size_t count)
     return tsb::cat(tsb::rtp_run(pkts));
 }
 
-// All lines of g_log down to debug, without time: "(ERR)  text\n".
+// The lines of g_log without time: "(ERR)  text\n". Those of the ring come down to debug, those of
+// the modules below it down to their usual level.
 class line_log
 {
 public:
-    line_log() : fp(open_memstream(&mem, &len))
+    line_log()
     {
-        log_default(&g_log, fp);
         log_timefmt(&g_log, LTF_NO_TIME);
         log_set_modules(&g_log, ll::normal);
         g_mod_ll[0] = ll::debug;
     }
-    ~line_log()
-    {
-        log_default(&g_log, stderr);
-        (void)fclose(fp);
-        free(mem);
-    }
-    line_log(const line_log&) = delete;
-    line_log& operator=(const line_log&) = delete;
 
-    std::string text()
-    {
-        (void)fflush(fp);
-        return std::string(mem + begin, len - begin);
-    }
-    void clear()
-    {
-        (void)fflush(fp);
-        begin = len;
-    }
-    bool has(const std::string& line) { return text().find(line) != std::string::npos; }
-    size_t count(const std::string& part)
+    std::string text() const { return capture.text(); }
+    void clear() { capture.clear(); }
+    bool has(const std::string& part) const { return text().find(part) != std::string::npos; }
+    size_t count(const std::string& part) const
     {
         const std::string all = text();
         size_t n = 0;
@@ -108,10 +93,7 @@ public:
     }
 
 private:
-    char* mem = nullptr;
-    size_t len = 0;
-    size_t begin = 0;
-    FILE* fp;
+    LogCapture capture;
 };
 
 class ring_test : public ::testing::Test

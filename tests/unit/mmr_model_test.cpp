@@ -163,7 +163,9 @@ protected:
         write(UNIT * (1 + rng() % 10));
         for (size_t i = 0; i < steps; ++i) {
             ASSERT_NO_FATAL_FAILURE(step(rng)) << "step " << i;
-            if (i % 4 == 0) ASSERT_NO_FATAL_FAILURE(expect_equal()) << "step " << i;
+            if (i % 4 == 0) {
+                ASSERT_NO_FATAL_FAILURE(expect_equal()) << "step " << i;
+            }
         }
         EXPECT_GT(written, 20 * size) << "the ring has gone round";
         mmr_destroy(ring);

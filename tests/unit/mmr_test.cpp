@@ -100,7 +100,9 @@ TEST_F(mmr_create_, lays_out_buffer_mirror_and_dead_zone_without_gaps)
     struct stat st = {};
     ASSERT_EQ(fstat(ring->sfd, &st), 0);
     EXPECT_EQ(static_cast<size_t>(st.st_size), 2 * MIB + PAGE);
-    if (PAGE == 4096) EXPECT_EQ(st.st_size, 2101248);
+    if (PAGE == 4096) {
+        EXPECT_EQ(st.st_size, 2101248);
+    }
 }
 
 TEST_F(mmr_create_, keeps_other_users_out_of_the_object)
