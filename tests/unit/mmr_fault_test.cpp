@@ -7,17 +7,6 @@
 #include <cerrno>
 #include <map>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define WITH_LEAK_CHECK 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define WITH_LEAK_CHECK 1
-#endif
-#endif
-#if defined(WITH_LEAK_CHECK)
-#include <sanitizer/lsan_interface.h>
-#endif
-
 using namespace ringkit;
 
 namespace
@@ -192,9 +181,7 @@ TEST_F(mmr_faults, of_the_objects_opening_keep_the_handle_and_release_nothing)
 {
     const std::string object = next_name();
     {
-#if defined(WITH_LEAK_CHECK)
-        const __lsan::ScopedDisabler handle_is_kept;
-#endif
+        const handle_is_kept no_leak;
         EXPECT_EQ(create_failing({{"shm_open", 1}}), 22);
     }
     EXPECT_EQ(ring, nullptr);

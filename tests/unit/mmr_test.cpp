@@ -220,8 +220,10 @@ TEST_F(mmr_create_, fails_when_its_name_is_taken_and_leaves_the_other_object_alo
     const int fd = shm_open(taken.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
     ASSERT_GE(fd, 0);
     log.clear();
-
-    EXPECT_EQ(mmr_create(&ring, PAGE), EINVAL);
+    {
+        const handle_is_kept no_leak;
+        EXPECT_EQ(mmr_create(&ring, PAGE), EINVAL);
+    }
     EXPECT_EQ(ring, nullptr);
     EXPECT_EQ(log.text(),
               text("(ERR)  mmr_create: shm_open(%s) ERROR(%d): %s\n", taken.c_str(), EEXIST, strerror(EEXIST)));
@@ -237,6 +239,7 @@ TEST_F(mmr_create_, fails_when_there_is_no_descriptor_left)
     const std::string expected = next_name();
     log.clear();
     {
+        const handle_is_kept no_leak;
         const limit_guard none(RLIMIT_NOFILE, 0);
         EXPECT_EQ(mmr_create(&ring, PAGE), EINVAL);
     }
