@@ -642,6 +642,10 @@ TEST_F(mmr_reader, tells_what_it_packs_and_consumes_when_asked_to)
     (void)cut::of(ring, span, 2);
     EXPECT_EQ(log.text(), "(DBG)  mmr_ts_pack_buf: messages exp/packed=2/2\n");
     log.clear();
+    bytes exact = ts_bytes(1316);
+    (void)cut::of(ring, exact);
+    EXPECT_EQ(log.text(), "(DBG)  mmr_ts_pack_buf: messages exp/packed=1/1\n");
+    log.clear();
     unpacked();
     const cut c = cut::of(ring);
     EXPECT_EQ(log.text(), "(DBG)  mmr_pack_buf: segments packed=7\n");
