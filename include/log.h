@@ -238,6 +238,12 @@ lard_t log_set_lard(struct log_ctx* log, lard_t lh);
 // By design the channel keeps its stale stream: it is the last call on a channel.
 void log_close(struct log_ctx* log);
 
+// True if the channel's record holds together: name and group terminated, slot numbers inside the rotation ring. No
+// effects.
+bool log_validate(const struct log_ctx* log);
+// Prints the record in words, a field a line, for a debugger or a failed test.
+void log_dump(const struct log_ctx* log, FILE* out);
+
 // ---- levels and words -----------------------------------------------------------------------------------------
 
 // Sets all section levels, or all module levels.

@@ -258,6 +258,9 @@ time_t log_rota_eod(const struct log_ctx* log)
 
 int log_rotate(struct log_ctx* log)
 {
+#ifdef KVT_DEEP_CHECKS
+    assert(log_validate(log));
+#endif
     int result = 0;
     if (!is_rotatable(__func__, log, &result)) return result;
     const time_t now = time(nullptr);

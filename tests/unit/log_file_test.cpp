@@ -702,6 +702,48 @@ TEST_F(LogFileTest, a_log_that_can_not_be_closed_goes_on_at_standard_error)
     EXPECT_EQ(stderr_of([] { tv_log(ll::info, "text\n"); }), "(INF)  text\n");
 }
 
+// ---- the record -----------------------------------------------------------------------------------------------
+
+TEST_F(LogFileTest, a_record_that_does_not_hold_together_is_told)
+{
+    open_log();
+    log_set_rota(&g_log, 1, 127, 0);
+    EXPECT_TRUE(log_validate(&g_log));
+    const log_ctx good = g_log;
+
+    g_log.rota.next_idx = 128;
+    EXPECT_FALSE(log_validate(&g_log));
+    g_log.rota.next_idx = -1;
+    EXPECT_FALSE(log_validate(&g_log));
+    g_log.rota.next_idx = 127;
+    EXPECT_TRUE(log_validate(&g_log));
+    g_log.rota.max_idx = 128;
+    EXPECT_FALSE(log_validate(&g_log));
+    g_log = good;
+    g_log.group.sym8[7] = 'x';
+    EXPECT_FALSE(log_validate(&g_log));
+    g_log = good;
+    memset(g_log.name, 'x', sizeof(g_log.name));
+    EXPECT_FALSE(log_validate(&g_log));
+    g_log = good;
+}
+
+TEST_F(LogFileTest, a_record_prints_in_words)
+{
+    open_log();
+    log_set_rota(&g_log, 4096, 4, 0);
+    g_log.rota.tm[2] = T0;
+    const LogCapture out(&g_access_log); // a file to print to
+    log_dump(&g_log, out.stream());
+    const std::string text = out.text();
+    for (const char* part :
+         {"is_pipe: no", "time_format: 0x100", "max_total: 4096", "max_idx: 4", "tm[2]: 1533628800", "syslog: off"}) {
+        EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;
+    }
+    EXPECT_NE(text.find("name: [" + path + "]"), std::string::npos);
+    EXPECT_EQ(text.find("tm[3]"), std::string::npos);
+}
+
 // ---- syslog ---------------------------------------------------------------------------------------------------
 
 TEST_F(LogFileTest, syslog_is_opened_for_a_channel)
