@@ -110,7 +110,8 @@ bool mmr_sync_found(int32_t snum, const uint8_t* pkt);
 //     0    *count records, each a run of whole units
 //     11   fewer bytes than one unit behind the sync mark
 //     -1   packed TS only: a sync byte missing at some stride of the data
-//     -9   no sync in a short stretch, sync lost within the units looked at, or nothing recognised yet
+//     -9   no sync in a short stretch, sync lost within the units looked at, an empty ring, or one that has refused
+//          its first input
 //     -14  no sync within reach in MAX_SYNC_DELTA bytes or more
 // Without sync in a short stretch that the search covers to its end, a logged assertion fails.
 // Requires: *count not 0; with a span, a stream recognised by the ring.

@@ -182,8 +182,8 @@ int mmr_oget_buf(mmr_t ring, uint8_t* buf, size_t buflen, struct iovec* iov, siz
     struct mm_ring* mr = ring;
     const deep_check check(mr);
     const bool is_ext_buf = buf && buflen != 0;
-    // A ring that has refused its first input counts bytes but has no head to cut at.
-    const bool has_data = is_ext_buf || mr->pld_pos >= 0;
+    // A ring that has refused its first input counts bytes, but has neither a head nor a unit to cut by.
+    const bool has_data = mr->pld_pos >= 0 || (is_ext_buf && mr->pld_size == 0);
     const std::span<uint8_t> data = has_data ? run_of(mr, buf, buflen) : std::span<uint8_t>();
 
     size_t delta = 0;

@@ -441,8 +441,12 @@ TEST_F(mmr_reader, touches_nothing_in_a_ring_that_refused_its_first_input)
     ASSERT_EQ(put(tsb::fill(500, 1)), FOREIGN);
     ring->buf[3] = 0x47;
     const std::string before = state();
-    const cut c = cut::of(ring, 9);
+    cut c = cut::of(ring, 9);
     EXPECT_EQ(c.rc, NO_SYNC);
+    EXPECT_EQ(c.count, 9u);
+    bytes span = ts_bytes(1880);
+    c = cut::of(ring, span, 9);
+    EXPECT_EQ(c.rc, NO_SYNC) << "nor is there a unit to cut a span by";
     EXPECT_EQ(c.count, 9u);
     EXPECT_EQ(state(), before);
 }
