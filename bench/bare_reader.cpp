@@ -1,0 +1,47 @@
+// Reads a TCP source to its end and does nothing with the bytes: what the same reads cost without kvt.
+//     bare_reader HOST PORT READ_BYTES
+// Reads into a populated buffer of READ_BYTES at a moving place, as a ring of that size would have it.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+int main(int argc, char** argv)
+{
+    if (argc != 4) {
+        fprintf(stderr, "usage: %s HOST PORT READ_BYTES\n", argv[0]);
+        return 2;
+    }
+    const size_t read_bytes = strtoul(argv[3], nullptr, 10);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(atoi(argv[2])));
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0 || inet_pton(AF_INET, argv[1], &addr.sin_addr) != 1 ||
+        connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+        perror("connect");
+        return 1;
+    }
+    void* map = mmap(nullptr, 2 * read_bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (map == MAP_FAILED) {
+        perror("mmap");
+        return 1;
+    }
+    auto* buf = static_cast<uint8_t*>(map);
+    size_t total = 0;
+    size_t reads = 0;
+    size_t at = 0;
+    ssize_t n;
+    while ((n = read(fd, buf + at, read_bytes)) > 0) {
+        total += static_cast<size_t>(n);
+        reads++;
+        at = (at + static_cast<size_t>(n)) % read_bytes;
+    }
+    printf("%zu bytes in %zu reads\n", total, reads);
+    return n == 0 ? 0 : 1;
+}
