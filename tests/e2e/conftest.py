@@ -119,11 +119,11 @@ class Kvt:
             self.process.kill()
             raise AssertionError("kvt did not end:\n" + self.stderr() + self.log_text()) from None
 
-    def signal(self, number):
+    def send(self, number):
         os.kill(self.pid, number)
 
     def stop(self, number=signal.SIGTERM):
-        self.signal(number)
+        self.send(number)
         return self.wait()
 
     def kill(self):

@@ -72,9 +72,7 @@ def test_logs_may_be_commands(kvt, tcp_server, clean_stream):
 
 
 def test_a_log_rotates_by_size_and_keeps_a_bounded_number(kvt, tcp_server, clean_stream):
-    kvt.write_config(alert_extra="max_size_mb = 1; max_files = 2;", log_extra="max_size_mb = 1; max_files = 2;",
-                     analyzer_extra="track = true; cc = true;")
-    # The flag named cc beside the group of that name makes no difference; the trace lines come from -k.
+    kvt.write_config(alert_extra="max_size_mb = 1; max_files = 2;", log_extra="max_size_mb = 1; max_files = 2;")
     data = damaged_stream(clean_stream) * 6
     assert serve(kvt, tcp_server, data, "-k", "cc_t") == 0
     rotated = sorted(kvt.folder.glob("kvt.log.*"))

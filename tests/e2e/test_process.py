@@ -53,7 +53,7 @@ def test_a_daemon_detaches_and_ends_on_a_signal_leaving_nothing(daemon):
     assert int(status[3]) != kvt.pid       # and not its leader, so that it can't regain a terminal
     assert os.readlink(f"/proc/{kvt.pid}/cwd") == "/"
     assert len(kvt.shared_memory()) == 1
-    kvt.signal(signal.SIGTERM)
+    kvt.send(signal.SIGTERM)
     wait_until(lambda: gone(kvt.pid), "the daemon to end")
     assert kvt.shared_memory() == []
     assert not (kvt.folder / "kvt.pid").exists()
@@ -72,7 +72,7 @@ def test_a_daemon_gives_up_root(daemon, tmp_path):
     assert uids[0].split()[1:] == [str(uid)] * 4
     # The user can enter the directory of the start, so the process went back there.
     assert f"running in [{kvt.folder}]" in kvt.log_text()
-    kvt.signal(signal.SIGINT)
+    kvt.send(signal.SIGINT)
     wait_until(lambda: gone(kvt.pid), "the daemon to end")
     assert kvt.shared_memory() == []
 
@@ -112,7 +112,7 @@ def test_an_ordinary_user_runs_in_the_foreground(kvt):
     assert kvt.process.poll() is None
     kvt.pid = read_pid(kvt.folder / "kvt.pid")
     assert len(kvt.shared_memory()) == 1
-    kvt.signal(signal.SIGTERM)
+    kvt.send(signal.SIGTERM)
     assert kvt.wait() == 0
     assert kvt.shared_memory() == []
     assert not (kvt.folder / "kvt.pid").exists()
