@@ -7,7 +7,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const std::string text(reinterpret_cast<const char*>(data), strnlen(reinterpret_cast<const char*>(data), size));
+    const std::string text(data, std::find(data, data + size, 0));
     std::vector<char> mem(text.c_str(), text.c_str() + text.size() + 1); // ends with the text's zero
 
     char scheme[URI_SCHEME_MAX] = "", auth[URI_AUTH_MAX] = "", path[URI_PATH_MAX] = "", query[URI_QUERY_MAX] = "";
