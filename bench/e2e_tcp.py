@@ -21,6 +21,7 @@ sys.path.insert(0, str(ROOT / "scripts"))
 import tsfile as ts  # noqa: E402
 
 CACHE_MB = 8
+READ_BYTES = 4096 + 188 // 2  # what a full ring has vacant before a read: min_bytes_left and up to a packet more
 CONFIG = """
 kvt: {{
     log: {{ file = "{work}/kvt.log"; level = "norm"; enable_syslog = false; }};
@@ -87,7 +88,7 @@ def main():
         port = listener.getsockname()[1]
         (work / "kvt.conf").write_text(CONFIG.format(work=work, cache=CACHE_MB))
         kvt = [args.build / "kvt", "-T", "-C", work / "kvt.conf", "-i", f"tcp://127.0.0.1:{port}", "-S", "bench"]
-        bare = [args.build / "bare_reader", "127.0.0.1", str(port), str(CACHE_MB << 20)]
+        bare = [args.build / "bare_reader", "127.0.0.1", str(port), str(CACHE_MB << 20), str(READ_BYTES)]
         rows = []
         total = args.mb << 20
         for run in range(args.runs + 1):
