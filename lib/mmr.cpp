@@ -225,7 +225,8 @@ bool mmr_validate(const struct mm_ring* ring)
     if (mr->sfd < 0 || mr->sname[0] != '/' || !memchr(mr->sname, '\0', sizeof(mr->sname))) return false;
     if (mr->pld_size > mr->buflen) return false;
     if (mr->first_pktnum < 0 || mr->first_pktnum > mr->last_pktnum) return false;
-    if (mr->pld_pos == -1) return mr->ts_len == 0;
+    if (mr->pld_pos == -1) return mr->ts_len == 0 && mr->synced_len == 0;
+    if (mr->synced_len > mr->pld_size || (mr->ts_len != 0 && mr->synced_len % mr->ts_len != 0)) return false;
     return mr->pld_pos >= 0 && mr->pld_pos <= static_cast<off_t>(mr->buflen) && mr->stype.num != 0 && mr->ts_len != 0;
 }
 

@@ -2,12 +2,20 @@
 //
 // Capping is the ring's only consumer. The capture loop asks for it before each read, so that there is always room
 // for that read; nothing waits for anything.
+//
+// A pass looks at up to 256 records, of which a read of ordinary size makes few new ones. So capping remembers how
+// far from the head it has seen the units in sync, and tests those that have come into the reach since, and once more
+// those that leave. Whatever is amiss goes the long way through mmr_oget, which says what it is.
 #include "mmr.h"
 
+#include "dstream.h"
 #include "log.h"
 #include "mmr_int.h"
+#include "mpegts.h"
+#include "rtp.h"
 #include "syswrap.h"
 
+#include <algorithm>
 #include <array>
 #include <cassert>
 #include <span>
@@ -37,6 +45,42 @@ size_t records_to_drop(size_t max_payload_sz, std::span<const struct iovec> recs
     return rec_out;
 }
 
+// Are the units from one offset to another behind the head all in sync? Says nothing if not.
+bool units_synced(const struct mm_ring* mr, size_t from, size_t to)
+{
+    const std::span<const uint8_t> run(mr->buf + mr->pld_pos, mr->pld_size);
+    const bool is_rtp = mr->stype.num == STY_RTP.num;
+    for (size_t pos = from; pos < to; pos += mr->ts_len) {
+        const bool in_sync = is_rtp ? is_rtp_data(&run[pos]) : run[pos] == MPEG_TS_SYNC;
+        if (!in_sync) return false;
+    }
+    return true;
+}
+
+// The pass without its array of records: drops as many units as a pass over records of one unit each does, and tests
+// the same ones. Returns their number; 0, with nothing changed, where the pass has to be made in full.
+size_t drop_units(struct mm_ring* mr, size_t max_payload_sz)
+{
+    const bool one_unit_a_record = mr->stype.num == STY_RTP.num || mr->opt.no_mtu_pack;
+    if (!one_unit_a_record || g_verbosity != 0 || mr->pld_pos < 0 || mr->ts_len < rtpf::lookahead) return 0;
+
+    const size_t ts_len = mr->ts_len;
+    const size_t held = mr->pld_size / ts_len;
+    const size_t reach = std::min(held, CAP_RECORDS);
+    // Strictly below the limit: a payload that has reached it exactly loses one more.
+    const size_t wanted = (mr->pld_size - max_payload_sz) / ts_len + 1;
+    const size_t units_out = std::min(wanted, reach);
+    const size_t leaving = units_out * ts_len;
+    const size_t tested_from = std::max(mr->synced_len, leaving);
+    if (units_out == 0 || !units_synced(mr, 0, leaving) || !units_synced(mr, tested_from, reach * ts_len)) return 0;
+
+    mr->synced_len = std::max(mr->synced_len, reach * ts_len);
+    const struct iovec out = {mr->buf + mr->pld_pos, leaving};
+    (void)mmr_oput(mr, &out, 1); // can't fail: the units lie in the payload
+    mmr_rm_pkts(mr, units_out);
+    return units_out;
+}
+
 // Shows the records to the caller's function. A failure ends the showing and changes nothing else.
 void post_process(const char* func, std::span<const struct iovec> recs, cap_ppfunc pprocess)
 {
@@ -59,6 +103,7 @@ ssize_t mmr_cap_pp(mmr_t ring, size_t max_payload_sz, cap_ppfunc pprocess)
     struct mm_ring* mr = ring;
     const deep_check check(mr);
     while (max_payload_sz < mr->pld_size) {
+        if (!pprocess && drop_units(mr, max_payload_sz) != 0) continue;
         std::array<struct iovec, CAP_RECORDS> iov = {};
         size_t count = iov.size();
         const int rc = mmr_oget(mr, iov.data(), &count);

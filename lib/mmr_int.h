@@ -36,6 +36,7 @@ struct mm_ring {
     int64_t first_pktnum; // number of the oldest packet
     int64_t last_pktnum;  // number one past the newest packet counted
     struct mm_opt opt;
+    size_t synced_len; // bytes from the head on whose units capping has seen in sync; a multiple of ts_len
 };
 
 // All zero is a ring of which nothing has been made yet: mmr_destroy relies on it.

@@ -168,6 +168,14 @@ void drop_head(struct mm_ring* mr, size_t delta)
     mr->pld_pos += static_cast<off_t>(delta);
     if (mr->pld_pos >= static_cast<off_t>(mr->buflen)) mr->pld_pos -= static_cast<off_t>(mr->buflen);
     mr->pld_size -= delta;
+    mr->synced_len = 0; // the units lie at other places now
+}
+
+// Keeps what is known of the head's units when bytes leave there.
+void forget_synced(struct mm_ring* mr, size_t total)
+{
+    const bool whole_units = mr->synced_len >= total && total % mr->ts_len == 0;
+    mr->synced_len = whole_units ? mr->synced_len - total : 0;
 }
 
 } // namespace
@@ -227,6 +235,7 @@ ssize_t mmr_oput(mmr_t ring, const struct iovec* iov, size_t count)
     if (mr->pld_pos > static_cast<off_t>(mr->buflen)) mr->pld_pos -= static_cast<off_t>(mr->buflen);
     tv_assert_logged(total <= mr->pld_size);
     mr->pld_size -= total;
+    if (mr->synced_len != 0) forget_synced(mr, total);
     if (g_verbosity & MMR_OPUT_VERBOSE) tv_log(ll::debug, "%s: %zu/%zu datagrams/bytes out\n", __func__, count, total);
     return static_cast<ssize_t>(mr->pld_size);
 }
