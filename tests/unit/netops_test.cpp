@@ -3,16 +3,19 @@
 
 #include "support/log_capture.h"
 #include "support/net_peer.h"
+#include "support/proc_kit.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -53,6 +56,16 @@ sockaddr_storage loopback4(uint16_t port)
     in->sin_port = htons(port);
     in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return ss;
+}
+
+// Runs a check in a child where a system call fails: 0 for a good end.
+constexpr int NO_FILTER = 77;
+int with_failing(long call, int err, prk::arg_is only, const std::function<bool()>& check)
+{
+    return prk::in_child([&] {
+        if (!prk::fail_syscall(call, err, only)) return NO_FILTER;
+        return check() ? 0 : 1;
+    });
 }
 
 // A candidate as the resolver would give it.
@@ -286,6 +299,41 @@ TEST(open_socket, returns_a_connect_in_progress)
         waiting.push_back(std::move(fd));
     }
     FAIL() << "no connect was left in progress";
+}
+
+TEST(open_socket, gives_up_where_a_descriptor_cannot_be_made_non_blocking)
+{
+    LogCapture log;
+    const int status = with_failing(SYS_fcntl, EPERM, prk::arg_is{1, F_SETFL}, [] {
+        socket_spec spec = spec_of(SOCK_STREAM);
+        spec.non_blocking = 1;
+        return open_at("127.0.0.1", "5000", &spec) == -1;
+    });
+    if (status == NO_FILTER) GTEST_SKIP() << "no system call filters to be had here";
+    EXPECT_EQ(status, 0);
+    const Lines errors = log.messages(ll::error);
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_TRUE(errors[0].starts_with("set_nblock: fcntl("));
+    EXPECT_TRUE(errors[1].starts_with("open_socket: failed to make fd="));
+    EXPECT_TRUE(errors[1].ends_with(" non-blocking ERROR(1): Operation not permitted"));
+    EXPECT_TRUE(log.contains("open_socket: CLOSED(fd"));
+}
+
+TEST(open_socket, goes_on_where_a_candidate_has_no_socket)
+{
+    LogCapture log;
+    const int status = with_failing(SYS_socket, EMFILE, prk::arg_is{0, AF_INET}, [] {
+        socket_spec spec = spec_of(0);
+        sockaddr_storage ss = {};
+        socklen_t len = 0;
+        return open_at("127.0.0.1", "5000", &spec) == -1 && ifaddr_index("127.0.0.1", nullptr) == 0 &&
+               mk_sockaddr("10.0.0.1:5000", SOCK_DGRAM, 0, &ss, &len) == -1 && ss.ss_family == 0;
+    });
+    if (status == NO_FILTER) GTEST_SKIP() << "no system call filters to be had here";
+    EXPECT_EQ(status, 0);
+    EXPECT_GE(log.count("open_socket: socket("), 2u); // each candidate was tried
+    EXPECT_TRUE(log.contains("mk_sockaddr: BAD af=IPv4 (2), proto = 17"));
+    EXPECT_TRUE(log.contains("mk_sockaddr: failed for [10.0.0.1:5000]"));
 }
 
 TEST(open_socket, takes_a_sender_with_and_without_a_port)
@@ -523,6 +571,35 @@ TEST(ifaddr_index, is_0_where_nothing_has_the_tag)
 {
     EXPECT_EQ(ifaddr_index("198.51.100.1", nullptr), 0u);
     EXPECT_EQ(ifaddr_index("no-such-ifc", nullptr), 0u);
+}
+
+// Callers can't tell it from an index; the line is what tells.
+TEST(ifaddr_index, gives_the_errno_where_interfaces_cannot_be_listed)
+{
+    LogCapture log;
+    const int status = with_failing(SYS_socket, EMFILE, prk::arg_is{0, AF_NETLINK}, [] {
+        sockaddr_storage ss = {};
+        return ifaddr_index("127.0.0.1", nullptr) == EMFILE &&
+               ifc_addr_lookup(AF_INET, "lo", sa(ss), sizeof(ss)) == EMFILE;
+    });
+    if (status == NO_FILTER) GTEST_SKIP() << "no system call filters to be had here";
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"ifaddr_index: getifaddrs [127.0.0.1] (family=0): Too many open files",
+                                              "ifc_addr_lookup: getifaddrs [lo] (family=2): Too many open files"}));
+}
+
+TEST(get_ifc_info, fails_where_the_name_cannot_be_had)
+{
+    LogCapture log;
+    const int status = with_failing(SYS_ioctl, ENODEV, prk::arg_is{1, SIOCGIFNAME},
+                                    [] { return get_ifc_info(AF_INET, "lo") == nullptr; });
+    if (status == NO_FILTER) GTEST_SKIP() << "no system call filters to be had here";
+    EXPECT_EQ(status, 0);
+    const Lines errors = log.messages(ll::error);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_TRUE(
+        errors[0].starts_with("get_ifc_info: if_indextoname(" + std::to_string(if_nametoindex("lo")) + ", buf): "))
+        << errors[0];
 }
 
 TEST(ifaddr_index_DeathTest, stops_on_a_null_tag)

@@ -1,1 +1,895 @@
-// Placeholder until the module lands.
+// Opening a source by its URL.
+#include "wopen.h"
+
+#include "support/interrupts.h"
+#include "support/log_capture.h"
+#include "support/net_peer.h"
+#include "support/net_space.h"
+#include "support/proc_kit.h"
+#include "util.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <string>
+#include <vector>
+
+// The linker leads W_calloc here, so that memory can run out.
+static bool g_no_memory = false;
+extern "C" void* __real__Z8W_callocPKcmm(const char* caller, size_t nmemb, size_t size);
+extern "C" void* __wrap__Z8W_callocPKcmm(const char* caller, size_t nmemb, size_t size)
+{
+    return g_no_memory ? nullptr : __real__Z8W_callocPKcmm(caller, nmemb, size);
+}
+
+namespace
+{
+
+using Lines = std::vector<std::string>;
+
+// A context as a capture loop sets it up, with the descriptor that came of it.
+struct Source {
+    Source() { uc.inbound = true; }
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+    ~Source() { close(); }
+
+    int open(const std::string& url) { return fd = usock_open(url.c_str(), &uc); }
+    void close() { usock_close(std::exchange(fd, -1), &uc); }
+    void lend(char* buf, size_t cap)
+    {
+        uc.buf = buf;
+        uc.bufcap = cap;
+    }
+
+    usock_ctx uc = {};
+    int fd = -1;
+};
+
+std::string loopback_url(const char* scheme, uint16_t port, const char* rest = "")
+{
+    return std::string(scheme) + "://127.0.0.1:" + std::to_string(port) + rest;
+}
+
+std::string fd_text(int fd)
+{
+    return std::to_string(fd);
+}
+
+const std::string OK_HEAD = "HTTP/1.1 200 OK\r\n\r\n";
+
+// A server that takes a request and answers it; `request` is there when the connection is closed.
+struct HttpPeer {
+    explicit HttpPeer(const std::string& reply)
+        : request(promise.get_future()), server([this, reply](int fd) {
+              std::string text = take_request(fd);
+              put(fd, reply);
+              promise.set_value(std::move(text));
+          })
+    {
+    }
+    std::string url(const char* rest = "/live/a.ts?x=1") const { return "http://" + server.address() + rest; }
+
+    std::promise<std::string> promise;
+    std::future<std::string> request;
+    Server server;
+};
+
+void quit_at_third(int count)
+{
+    if (count == 3) g_quit = 1;
+}
+
+} // namespace
+
+// ---- tag ------------------------------------------------------------------------------------------------------
+
+TEST(usock_set_apptag, keeps_127_characters)
+{
+    EXPECT_STREQ(g_apptag, "#ERR#");
+    EXPECT_EQ(sizeof(g_apptag), 128u);
+    usock_set_apptag("kvt");
+    EXPECT_STREQ(g_apptag, "kvt");
+    const std::string longest(127, 't'), over(128, 't');
+    usock_set_apptag(longest.c_str());
+    EXPECT_EQ(g_apptag, longest);
+    usock_set_apptag(over.c_str());
+    EXPECT_EQ(g_apptag, longest);
+}
+
+TEST(usock_set_apptag_DeathTest, stops_on_null)
+{
+    EXPECT_DEATH(usock_set_apptag(nullptr), "Assertion `apptag' failed");
+}
+
+TEST(usock_flags, start_false)
+{
+    EXPECT_FALSE(g_usock_flags.use_http10_get);
+}
+
+// ---- files ----------------------------------------------------------------------------------------------------
+
+TEST(usock_open, opens_a_file)
+{
+    const prk::temp_dir dir;
+    const std::string path = dir.file("a.ts", "bytes");
+    Source s;
+    s.uc.bufcap = 5;
+    s.uc.buflen = 6;
+    s.uc.sspec.family = 7;
+    LogCapture log;
+    ASSERT_GE(s.open("file://" + path), 0);
+    EXPECT_EQ(take(s.fd, 16), "bytes");
+    EXPECT_EQ(s.uc.url_kind, URI_FILE);
+    EXPECT_EQ(s.uc.url_path, path);
+    EXPECT_TRUE(s.uc.non_pollable);
+    EXPECT_EQ(fcntl(s.fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+    // A file source leaves the rest as it was.
+    EXPECT_EQ(s.uc.buf, nullptr);
+    EXPECT_EQ(s.uc.bufcap, 5u);
+    EXPECT_EQ(s.uc.buflen, 6u);
+    EXPECT_EQ(s.uc.sspec.family, 7);
+    EXPECT_EQ(log.messages(), (Lines{"usock_open: fd" + fd_text(s.fd) + " FILE [" + path + "]"}));
+}
+
+TEST(usock_open, reads_a_file_for_a_writer_too)
+{
+    const prk::temp_dir dir;
+    Source s;
+    s.uc.inbound = false;
+    ASSERT_GE(s.open("file://" + dir.file("a", "x")), 0);
+    EXPECT_EQ(fcntl(s.fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+}
+
+TEST(usock_open, takes_the_path_of_a_file_by_the_rules_of_urls)
+{
+    const prk::temp_dir dir;
+    (void)dir.file("a.ts", "plain");
+    (void)dir.file("a?b", "marked");
+    const std::string base = "://" + dir.path();
+    const struct {
+        std::string url;
+        const char* want;
+    } rows[] = {{"FILE" + base + "/a.ts", "plain"},
+                {"file" + base + "/a.ts?x=1", "plain"},
+                {"file" + base + "/a.ts?", "plain"},
+                {"file" + base + "/a?b?c", "marked"},
+                {"file" + base + "/a.ts@" + dir.path() + "/a.ts", "plain"}};
+    for (const auto& row : rows) {
+        Source s;
+        ASSERT_GE(s.open(row.url), 0) << row.url;
+        EXPECT_EQ(take(s.fd, 16), row.want) << row.url;
+    }
+    // A text that ends in a slash has no query: the mark belongs to the name.
+    Source s;
+    EXPECT_EQ(s.open("file" + base + "/a?b/"), -1);
+}
+
+TEST(usock_open, takes_a_relative_path)
+{
+    const prk::temp_dir dir;
+    (void)dir.file("a.ts", "here");
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    Source s;
+    ASSERT_GE(s.open("file://a.ts"), 0);
+    EXPECT_EQ(take(s.fd, 16), "here");
+    ASSERT_EQ(chdir("/"), 0);
+}
+
+TEST(usock_open, closes_the_context_after_a_file_that_cannot_be_opened)
+{
+    Source s;
+    LogCapture log;
+    EXPECT_EQ(s.open("file:///no/such/file"), -1);
+    EXPECT_EQ(s.uc.url_path, nullptr);
+    EXPECT_FALSE(s.uc.non_pollable);
+    EXPECT_EQ(s.uc.url_kind, URI_FILE);
+    const Lines errors = log.messages(ll::error);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0], "usock_open: open('/no/such/file', 0, 0x0) ERROR(2): No such file or directory");
+    // It can be used again.
+    EXPECT_GE(s.open("file:///dev/null"), 0);
+}
+
+// ---- bad URLs -------------------------------------------------------------------------------------------------
+
+TEST(usock_open, changes_only_the_kind_for_a_bad_url)
+{
+    const std::string p128(128, 'p'), a64(64, 'a'), q256(256, 'q');
+    const struct {
+        std::string url;
+        const char* first;
+    } rows[] = {{"/srv/a.ts", nullptr},
+                {"srv/a.ts", nullptr},
+                {"x://a", nullptr},
+                {"gopher://h", nullptr},
+                {"longscheme://h", nullptr},
+                {"", "extract: uri_get_path ERROR"},
+                {"udp://", "extract: uri_parse ERROR"},
+                {"udp://src@", "extract: uri_parse ERROR"},
+                {"udp://?q", "extract: uri_get_path ERROR"},
+                {"file://" + p128, "extract: uri_get_path ERROR"},
+                {"udp://" + a64 + "@h:1", "extract: uri_get_authority ERROR"},
+                {"http://h/a?" + q256, "extract: uri_get_query ERROR"}};
+    for (const auto& row : rows) {
+        usock_ctx uc = {};
+        memset(&uc, 0x5a, sizeof(uc));
+        usock_ctx before;
+        memcpy(&before, &uc, sizeof(uc));
+        LogCapture log;
+        EXPECT_EQ(usock_open(row.url.c_str(), &uc), -1) << row.url;
+        EXPECT_EQ(uc.url_kind, URI_BAD);
+        before.url_kind = URI_BAD;
+        EXPECT_EQ(memcmp(&before, &uc, sizeof(uc)), 0);
+        Lines want;
+        if (row.first) want.push_back(row.first);
+        want.push_back("uri_extract: error parsing URI: [" + row.url + "]");
+        EXPECT_EQ(log.messages(), want);
+    }
+}
+
+TEST(usock_open, takes_a_path_of_127_characters)
+{
+    Source s;
+    LogCapture log;
+    EXPECT_EQ(s.open("file:///" + std::string(126, 'p')), -1); // there is no such file
+    EXPECT_TRUE(log.contains("usock_open: open('/ppp"));
+}
+
+// The line has no end of its own; tools that read the log know the next line may follow on it.
+TEST(usock_open, refuses_a_playlist_with_an_unfinished_line)
+{
+    Source s;
+    LogCapture log;
+    EXPECT_EQ(s.open("m3u://h/a"), -1);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"usock_open: unsupported type of URI [m3u://h/a]"}));
+    EXPECT_NE(log.text().back(), '\n');
+    EXPECT_EQ(s.uc.url_kind, URI_HLS);
+    EXPECT_EQ(s.uc.url_path, nullptr);
+}
+
+TEST(usock_open_DeathTest, stops_on_a_context_that_is_open)
+{
+    Source s;
+    ASSERT_GE(s.open("file:///dev/null"), 0);
+    EXPECT_DEATH(usock_open("file:///dev/null", &s.uc), "Assertion `NULL == uc->url_path' failed");
+}
+
+// ---- closing --------------------------------------------------------------------------------------------------
+
+TEST(usock_close, does_nothing_for_nothing)
+{
+    LogCapture log;
+    usock_close(-1, nullptr);
+    EXPECT_EQ(log.messages(), Lines{});
+    Fd fd(open("/dev/null", O_RDONLY));
+    const int num = fd.release();
+    usock_close(num, nullptr);
+    EXPECT_FALSE(is_open(num));
+    EXPECT_EQ(log.messages(), (Lines{"usock_close: CLOSED(fd" + fd_text(num) + ")"}));
+}
+
+TEST(usock_close, empties_the_context)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source s;
+    const int fd = s.open(loopback_url("tcp", port));
+    ASSERT_GE(fd, 0);
+    s.uc.buflen = 9;
+    s.close();
+    EXPECT_FALSE(is_open(fd));
+    EXPECT_EQ(s.uc.url_path, nullptr);
+    EXPECT_EQ(s.uc.mifc, nullptr);
+    EXPECT_EQ(s.uc.buf, nullptr);
+    EXPECT_EQ(s.uc.buflen, 0u);
+    EXPECT_EQ(s.uc.bufcap, 2048u);
+    EXPECT_EQ(s.uc.url_kind, URI_TCP);
+    // Opened, closed and opened again.
+    EXPECT_GE(s.open(loopback_url("tcp", port)), 0);
+    EXPECT_NE(s.uc.buf, nullptr);
+}
+
+TEST(usock_close, forgets_a_lent_buffer_and_frees_it_not)
+{
+    char lent[64] = "mine";
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source s;
+    s.lend(lent, sizeof(lent));
+    ASSERT_GE(s.open(loopback_url("tcp", port)), 0);
+    EXPECT_EQ(s.uc.buf, lent);
+    EXPECT_EQ(s.uc.bufcap, sizeof(lent));
+    s.close();
+    EXPECT_EQ(s.uc.buf, nullptr);
+    EXPECT_STREQ(lent, "mine");
+}
+
+TEST(usock_close, leaves_a_buffer_to_a_caller_that_took_it_out)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source s;
+    ASSERT_GE(s.open(loopback_url("tcp", port)), 0);
+    char* taken = std::exchange(s.uc.buf, nullptr);
+    s.close();
+    memset(taken, 1, 2048); // still there
+    free(taken);
+}
+
+TEST(usock_open, ends_in_minus_1_with_a_lent_buffer_for_each_kind)
+{
+    uint16_t port = 0;
+    const Fd silent = bound_socket(AF_INET, SOCK_STREAM, &port);
+    char lent[1024];
+    for (const std::string& url :
+         {std::string("file:///no/such/file"), std::string("m3u://h/a"), loopback_url("tcp", port),
+          std::string("udp://198.51.100.1:5000"), std::string("rtp://198.51.100.1:5000"), loopback_url("http", port)}) {
+        Source s;
+        s.lend(lent, sizeof(lent));
+        EXPECT_EQ(s.open(url), -1) << url;
+    }
+}
+
+// ---- TCP ------------------------------------------------------------------------------------------------------
+
+TEST(usock_open, connects_to_a_tcp_source)
+{
+    Server server([](int fd) { put(fd, "stream"); });
+    Source s;
+    s.uc.buflen = 77;
+    ASSERT_GE(s.open("tcp://" + server.address()), 0);
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(s.uc.url_kind, URI_TCP);
+    EXPECT_EQ(s.uc.url_path, server.address());
+    EXPECT_FALSE(s.uc.non_pollable);
+    EXPECT_EQ(s.uc.sspec.socktype, SOCK_STREAM);
+    EXPECT_EQ(s.uc.sspec.family, AF_INET);
+    EXPECT_EQ(s.uc.sspec.writer, 0u);
+    EXPECT_EQ(s.uc.sspec.passive, 0u);
+    EXPECT_EQ(s.uc.sspec.non_blocking, 0u);
+    EXPECT_EQ(s.uc.mifc, nullptr);
+    ASSERT_NE(s.uc.buf, nullptr);
+    EXPECT_EQ(s.uc.bufcap, 2048u);
+    EXPECT_EQ(s.uc.buflen, 0u);
+    EXPECT_EQ(timeout_option_ms(s.fd, SO_RCVTIMEO), 0);
+    EXPECT_EQ(take(s.fd, 64), "stream");
+}
+
+TEST(usock_open, drops_tail_query_and_authority_of_a_tcp_url)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    for (const std::string& url :
+         {loopback_url("tcp", port, "/anything?x=1"), "tcp://10.0.0.1@127.0.0.1:" + std::to_string(port)}) {
+        Source s;
+        ASSERT_GE(s.open(url), 0) << url;
+        EXPECT_FALSE(s.uc.sspec.is_ssm);
+    }
+}
+
+TEST(usock_open, connects_to_a_bracketed_address)
+{
+    if (!has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET6, &port);
+    Source s;
+    EXPECT_GE(s.open("tcp://[::1]:" + std::to_string(port) + "/x"), 0);
+    EXPECT_EQ(s.uc.sspec.family, AF_INET6);
+}
+
+TEST(usock_open, keeps_the_callers_buffer_and_empties_it)
+{
+    char lent[64];
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source s;
+    s.lend(lent, sizeof(lent));
+    s.uc.buflen = 5;
+    ASSERT_GE(s.open(loopback_url("tcp", port)), 0);
+    EXPECT_EQ(s.uc.buf, lent);
+    EXPECT_EQ(s.uc.bufcap, sizeof(lent));
+    EXPECT_EQ(s.uc.buflen, 0u);
+}
+
+TEST(usock_open, reports_a_tcp_source_that_cannot_be_had)
+{
+    uint16_t port = 0;
+    const Fd silent = bound_socket(AF_INET, SOCK_STREAM, &port);
+    const struct {
+        std::string url;
+        const char* line; // start of the one error line, or null for none
+    } rows[] = {
+        {loopback_url("tcp", port), "setup_client: connect("},
+        {"tcp://127.0.0.1", "open_socket: empty or invalid port []"},
+        {"tcp://127.0.0.1/a", "open_socket: empty or invalid port []"},
+        {"tcp://127.0.0.1:00", "open_socket: empty or invalid port [00]"},
+        {"tcp://1234:5000", "open_socket: cannot accept plain number [1234] as IP address"},
+        {"tcp://[::1", "uri_path_addrport: ERROR parsing path=[[::1]"},
+        {"tcp://" + std::string(40, 'h') + ":" + std::string(32, '5'), "uri_path_addrport: ERROR parsing path=[hhh"},
+        {"tcp://:5000", nullptr},
+    };
+    for (const auto& row : rows) {
+        Source s;
+        LogCapture log;
+        EXPECT_EQ(s.open(row.url), -1) << row.url;
+        const Lines errors = log.messages(ll::error);
+        EXPECT_EQ(errors.size(), row.line ? 1u : 0u) << row.url << "\n" << join_lines(errors);
+        if (row.line && !errors.empty()) {
+            EXPECT_TRUE(errors[0].starts_with(row.line)) << errors[0];
+        }
+        EXPECT_EQ(s.uc.url_path, nullptr);
+        EXPECT_EQ(s.uc.buf, nullptr);
+    }
+}
+
+TEST(usock_open, sets_the_time_out_on_the_side_of_the_flow)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source in;
+    in.uc.timeout_ms = 1500;
+    ASSERT_GE(in.open(loopback_url("tcp", port)), 0);
+    EXPECT_EQ(timeout_option_ms(in.fd, SO_RCVTIMEO), 1500);
+    EXPECT_EQ(timeout_option_ms(in.fd, SO_SNDTIMEO), 0);
+    Source out;
+    out.uc.inbound = false;
+    out.uc.timeout_ms = 2000;
+    ASSERT_GE(out.open(loopback_url("tcp", port)), 0);
+    EXPECT_EQ(out.uc.sspec.writer, 1u);
+    EXPECT_EQ(timeout_option_ms(out.fd, SO_RCVTIMEO), 0);
+    EXPECT_EQ(timeout_option_ms(out.fd, SO_SNDTIMEO), 2000);
+    Source nb;
+    nb.uc.non_blocking = true;
+    nb.uc.timeout_ms = 1500;
+    ASSERT_GE(nb.open(loopback_url("tcp", port)), 0);
+    EXPECT_TRUE(fcntl(nb.fd, F_GETFL) & O_NONBLOCK);
+    EXPECT_EQ(nb.uc.sspec.non_blocking, 1u);
+    EXPECT_EQ(timeout_option_ms(nb.fd, SO_RCVTIMEO), 0);
+}
+
+TEST(usock_open, closes_the_socket_where_the_time_out_cannot_be_set)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source s;
+    s.uc.timeout_ms = -1500; // the kernel refuses it
+    LogCapture log;
+    EXPECT_EQ(s.open(loopback_url("tcp", port)), -1);
+    ASSERT_EQ(log.messages(ll::error).size(), 1u);
+    EXPECT_TRUE(log.messages(ll::error)[0].starts_with("set_socket_timeout: setsockopt("));
+    EXPECT_TRUE(log.messages().back().starts_with("usock_close: CLOSED(fd"));
+    EXPECT_EQ(s.uc.url_path, nullptr);
+}
+
+TEST(usock_open, ends_in_order_when_memory_runs_out)
+{
+    for (const char* url : {"tcp://127.0.0.1:1", "http://127.0.0.1:1/a"}) {
+        Source s;
+        LogCapture log;
+        g_no_memory = true;
+        EXPECT_EQ(s.open(url), -1);
+        g_no_memory = false;
+        // No exchange is tried, and the context has been through usock_close.
+        EXPECT_EQ(log.messages(ll::error), Lines{});
+        EXPECT_EQ(s.uc.url_path, nullptr);
+    }
+}
+
+// ---- UDP and RTP ----------------------------------------------------------------------------------------------
+
+TEST(usock_open, binds_to_the_address_of_a_unicast_datagram_source)
+{
+    for (const char* scheme : {"udp", "rtp"}) {
+        const uint16_t port = free_port(SOCK_DGRAM);
+        Source s;
+        s.uc.bufcap = 5;
+        s.uc.buflen = 6;
+        ASSERT_GE(s.open(loopback_url(scheme, port, "/x?y=1")), 0);
+        EXPECT_EQ(s.uc.url_kind, scheme == std::string("udp") ? URI_UDP : URI_RTP);
+        EXPECT_EQ(local_port(s.fd), port);
+        EXPECT_EQ(int_option(s.fd, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
+        EXPECT_EQ(s.uc.mifc, nullptr);
+        EXPECT_EQ(s.uc.buf, nullptr);
+        EXPECT_EQ(s.uc.bufcap, 5u);
+        EXPECT_EQ(s.uc.buflen, 6u);
+
+        const Fd sender(socket(AF_INET, SOCK_DGRAM, 0));
+        sockaddr_in to = {};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(port);
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(sendto(sender.get(), "dgram", 5, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)), 5);
+        char buf[16] = {};
+        EXPECT_EQ(recv(s.fd, buf, sizeof(buf), 0), 5);
+    }
+}
+
+TEST(usock_open, reports_a_datagram_source_that_cannot_be_had)
+{
+    const struct {
+        const char* url;
+        Lines errors; // each by its start
+    } rows[] = {
+        {"udp://239.1.1.1", {"open_socket: empty or invalid port []"}},
+        {"rtp://127.0.0.1", {"open_socket: empty or invalid port []"}},
+        {"udp://198.51.100.1:5000", {"reuse_and_bind: bind("}},
+        {"udp://1234@127.0.0.1:5000",
+         {"mk_sockaddr: cannot accept plain number [1234] as IP address", "open_socket: invalid SSM source: 1234"}},
+        {"udp://[:5000", {"uri_path_addrport: ERROR parsing path=[[:5000]"}},
+    };
+    for (const auto& row : rows) {
+        Source s;
+        LogCapture log;
+        EXPECT_EQ(s.open(row.url), -1) << row.url;
+        const Lines errors = log.messages(ll::error);
+        ASSERT_EQ(errors.size(), row.errors.size()) << row.url;
+        for (size_t i = 0; i < errors.size(); ++i)
+            EXPECT_TRUE(errors[i].starts_with(row.errors[i])) << errors[i];
+        EXPECT_EQ(s.uc.url_path, nullptr);
+    }
+}
+
+TEST(usock_open, takes_no_source_for_a_writer)
+{
+    Source s;
+    s.uc.inbound = false;
+    LogCapture log;
+    ASSERT_GE(s.open("udp://10.0.0.1@127.0.0.1:5000"), 0);
+    EXPECT_FALSE(s.uc.sspec.is_ssm);
+    EXPECT_EQ(log.count("SSM source"), 0u);
+}
+
+namespace
+{
+
+class usock_open_multicast : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!enter_net_space()) GTEST_SKIP() << "no network namespace to be had here";
+    }
+};
+
+} // namespace
+
+TEST_F(usock_open_multicast, joins_and_leaves_a_group)
+{
+    for (const char* url : {"rtp://239.255.7.7:5007", "udp://239.255.7.7:5007"}) {
+        Source s;
+        s.uc.ifc_tag = "lo";
+        LogCapture log;
+        const int fd = s.open(url);
+        ASSERT_GE(fd, 0);
+        EXPECT_EQ(s.uc.sspec.multicast, 1u);
+        ASSERT_NE(s.uc.mifc, nullptr);
+        EXPECT_STREQ(s.uc.mifc->name, "lo");
+        log.clear();
+        s.close();
+        EXPECT_EQ(log.messages(ll::info),
+                  (Lines{"mcast_group_op: using GENERIC mulitcast API to MCAST_LEAVE group 239.255.7.7:5007"}));
+        EXPECT_EQ(log.messages(ll::error), Lines{});
+        EXPECT_EQ(s.uc.mifc, nullptr);
+        EXPECT_FALSE(is_open(fd));
+    }
+}
+
+TEST_F(usock_open_multicast, has_no_interface_record_after_a_bad_tag)
+{
+    Source s;
+    s.uc.ifc_tag = "no-such-ifc";
+    ASSERT_GE(s.open("udp://239.255.7.7:5007"), 0);
+    EXPECT_EQ(s.uc.mifc, nullptr);
+}
+
+TEST_F(usock_open_multicast, joins_with_a_source_and_leaves_the_plain_way)
+{
+    for (const char* url : {"udp://10.0.0.1@239.255.7.7:5007", "udp://10.0.0.1:0@239.255.7.7:5007"}) {
+        Source s;
+        s.uc.ifc_tag = "lo";
+        LogCapture log;
+        ASSERT_GE(s.open(url), 0);
+        EXPECT_TRUE(s.uc.sspec.is_ssm);
+        EXPECT_TRUE(log.contains("usock_open: SSM source=[10.0.0.1"));
+        EXPECT_EQ(log.count("MCAST_JOIN"), 0u);
+        s.close();
+        // Whatever the kernel says to the plain leave, the close has ended the membership.
+        EXPECT_TRUE(log.contains("to MCAST_LEAVE group 239.255.7.7:5007"));
+        EXPECT_TRUE(log.messages().back().starts_with("usock_close: CLOSED(fd"));
+    }
+}
+
+TEST_F(usock_open_multicast, leaves_nothing_that_was_not_opened)
+{
+    Source s;
+    s.uc.ifc_tag = "lo";
+    s.uc.sspec.multicast = 1;
+    LogCapture log;
+    usock_close(-1, &s.uc);
+    EXPECT_EQ(log.messages(), Lines{});
+}
+
+TEST_F(usock_open_multicast, writer_does_not_leave)
+{
+    Source s;
+    s.uc.inbound = false;
+    s.uc.ifc_tag = "lo";
+    ASSERT_GE(s.open("udp://239.255.7.7:5007"), 0);
+    EXPECT_EQ(s.uc.sspec.multicast, 1u);
+    LogCapture log;
+    s.close();
+    EXPECT_EQ(log.count("MCAST_LEAVE"), 0u);
+}
+
+// ---- HTTP -----------------------------------------------------------------------------------------------------
+
+TEST(usock_open, asks_an_http_source_and_keeps_the_tail)
+{
+    usock_set_apptag("kvt");
+    HttpPeer peer(OK_HEAD + std::string(100, 'b'));
+    Source s;
+    LogCapture log;
+    ASSERT_GE(s.open(peer.url()), 0);
+    EXPECT_EQ(peer.request.get(), "GET /live/a.ts?x=1 HTTP/1.1\r\nHost: " + peer.server.address() +
+                                      "\r\nConnection: close\r\nUser-Agent: kvt\r\n"
+                                      "Accept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
+                                      "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n");
+    EXPECT_EQ(s.uc.url_kind, URI_HTTP);
+    EXPECT_EQ(s.uc.bufcap, 2048u);
+    EXPECT_EQ(std::string(s.uc.buf, s.uc.buflen) + take(s.fd, 1000), std::string(100, 'b'));
+    EXPECT_EQ(log.messages(ll::error), Lines{});
+}
+
+TEST(usock_open, puts_the_tail_into_a_lent_buffer)
+{
+    HttpPeer peer(OK_HEAD + "body");
+    char lent[1024] = "";
+    Source s;
+    s.lend(lent, sizeof(lent));
+    ASSERT_GE(s.open(peer.url()), 0);
+    EXPECT_EQ(s.uc.buf, lent);
+    EXPECT_EQ(std::string(lent, s.uc.buflen) + take(s.fd, 1000), "body");
+}
+
+TEST(usock_open, asks_with_http10_when_the_flag_says_so)
+{
+    HttpPeer peer(OK_HEAD);
+    Source s;
+    s.uc.http_flags = RQFLAG_HTTP10_GET;
+    ASSERT_GE(s.open(peer.url("")), 0);
+    EXPECT_EQ(s.uc.buflen, 0u);
+    EXPECT_TRUE(peer.request.get().starts_with("GET / HTTP/1.0\r\n"));
+}
+
+TEST(usock_open, keeps_an_http_source_open_after_a_failed_exchange)
+{
+    for (const char* reply : {"HTTP/1.1 404 Not Found\r\n\r\n", "HTTP/1.1 200\r\n\r\n",
+                              "HTTP/1.1 204 No Content\r\n\r\n", "HTTP/1.1 301 Moved\r\nLocation: /b\r\n\r\n", ""}) {
+        HttpPeer peer(reply);
+        Source s;
+        LogCapture log;
+        EXPECT_EQ(s.open(peer.url()), -1);
+        // Its descriptor is nobody's, and its path stays until the context is closed.
+        EXPECT_NE(s.uc.url_path, nullptr);
+        EXPECT_NE(s.uc.buf, nullptr);
+        EXPECT_EQ(log.count("CLOSED"), 0u);
+        EXPECT_EQ(log.messages(ll::error).size(), 1u);
+        const Lines info = log.messages(ll::info); // setup_client: IMMEDIATE CONNECT [fdN]
+        ASSERT_EQ(info.size(), 1u);
+        const int fd = atoi(info[0].c_str() + info[0].find("[fd") + 3);
+        EXPECT_TRUE(is_open(fd));
+        close(fd);
+    }
+}
+
+TEST(usock_open, leaves_early_after_a_failed_connect_of_an_http_source)
+{
+    uint16_t port = 0;
+    const Fd silent = bound_socket(AF_INET, SOCK_STREAM, &port);
+    Source s;
+    LogCapture log;
+    EXPECT_EQ(s.open(loopback_url("http", port, "/a")), -1);
+    EXPECT_NE(s.uc.url_path, nullptr);
+    const Lines errors = log.messages(ll::error);
+    ASSERT_EQ(errors.size(), 3u);
+    EXPECT_TRUE(errors[0].starts_with("setup_client: connect("));
+    EXPECT_TRUE(errors[1].starts_with("nwrite: write(-1, "));
+    EXPECT_EQ(errors[2], "send_http_request: error sending HTTP request to fd=-1");
+}
+
+TEST(usock_open, leaves_early_for_an_http_path_that_cannot_be_parsed)
+{
+    Source s;
+    LogCapture log;
+    EXPECT_EQ(s.open("http://[::1"), -1);
+    EXPECT_NE(s.uc.url_path, nullptr);
+    EXPECT_EQ(log.messages(ll::error),
+              (Lines{"uri_path_addrport: ERROR parsing path=[[::1]", "uri_path_addrport: ERROR parsing path=[[::1]",
+                     "fwd_http_rq: URI has no path tail: http://[::1"}));
+}
+
+TEST(usock_open, assumes_port_80_for_http)
+{
+    if (!enter_net_space()) GTEST_SKIP() << "no network namespace to be had here";
+    Source s;
+    s.uc.skip_http = true;
+    LogCapture log;
+    // In this network nobody listens at the port, so that the refused connect shows which one was tried.
+    EXPECT_EQ(s.open("http://127.0.0.1/a"), -1);
+    EXPECT_TRUE(log.contains("usock_open: assuming HTTP port 80 for [http://127.0.0.1/a]"));
+    EXPECT_TRUE(log.contains("open_socket: TCP CLIENT [UNSPEC (0)] socket for [127.0.0.1:80], ifc=none"));
+}
+
+TEST(usock_open, runs_no_exchange_when_told_so)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source s;
+    s.uc.skip_http = true;
+    ASSERT_GE(s.open(loopback_url("http", port, "/a")), 0);
+    EXPECT_EQ(s.uc.buflen, 0u);
+    EXPECT_EQ(s.uc.bufcap, 2048u);
+    const Fd peer(accept(listener.get(), nullptr, nullptr));
+    char c;
+    EXPECT_EQ(recv(peer.get(), &c, 1, MSG_DONTWAIT), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST(usock_open, closes_after_a_failed_connect_when_no_exchange_is_run)
+{
+    uint16_t port = 0;
+    const Fd silent = bound_socket(AF_INET, SOCK_STREAM, &port);
+    Source s;
+    s.uc.skip_http = true;
+    EXPECT_EQ(s.open(loopback_url("http", port, "/a")), -1);
+    EXPECT_EQ(s.uc.url_path, nullptr);
+    EXPECT_EQ(s.uc.buf, nullptr);
+}
+
+TEST(usock_open, forgives_a_time_out_that_cannot_be_set_after_a_successful_exchange)
+{
+    HttpPeer peer(OK_HEAD);
+    Source s;
+    s.uc.timeout_ms = -1500;
+    LogCapture log;
+    EXPECT_GE(s.open(peer.url()), 0);
+    ASSERT_EQ(log.messages(ll::error).size(), 1u);
+    EXPECT_TRUE(log.messages(ll::error)[0].starts_with("set_socket_timeout: setsockopt("));
+}
+
+TEST(usock_open, fails_for_a_non_blocking_exchange_without_a_reply)
+{
+    // The connection completes in the listener's queue; nobody answers.
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source s;
+    s.uc.skip_http = true;
+    s.uc.non_blocking = true;
+    ASSERT_GE(s.open(loopback_url("http", port, "/a")), 0);
+    const Fd peer(accept(listener.get(), nullptr, nullptr));
+    EXPECT_EQ(usock_http_get(s.fd, loopback_url("http", port, "/a").c_str(), 0), 0);
+    size_t len = 0;
+    EXPECT_EQ(get_http_response(s.fd, s.uc.buf, s.uc.bufcap, &len), 11);
+
+    Source t;
+    t.uc.non_blocking = true;
+    EXPECT_EQ(t.open(loopback_url("http", port, "/a")), -1);
+    EXPECT_NE(t.uc.url_path, nullptr);
+    const Fd second(accept(listener.get(), nullptr, nullptr));
+}
+
+TEST(usock_open, is_held_by_a_silent_server_until_told_to_quit)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    Source s;
+    LogCapture log;
+    const Interrupts signals(quit_at_third);
+    EXPECT_EQ(s.open(loopback_url("http", port, "/a")), -1);
+    g_quit = 0;
+    EXPECT_EQ(log.messages(ll::error), Lines{});
+    EXPECT_NE(s.uc.url_path, nullptr);
+}
+
+// ---- request of a URL -----------------------------------------------------------------------------------------
+
+namespace
+{
+
+// The request that a URL makes, as it goes out.
+std::string request_for(const std::string& url, uint32_t flags = 0)
+{
+    int fds[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    const Fd here(fds[0]), there(fds[1]);
+    EXPECT_EQ(fwd_http_rq(here.get(), url.c_str(), "kvt", flags), 0);
+    return take_request(there.get());
+}
+
+std::string first_lines(const std::string& request)
+{
+    return request.substr(0, request.find("\r\nConnection"));
+}
+
+} // namespace
+
+TEST(fwd_http_rq, asks_for_tail_and_query)
+{
+    const struct {
+        const char* url;
+        const char* want;
+    } rows[] = {
+        {"http://192.0.2.1:8080/live/a.ts?x=1", "GET /live/a.ts?x=1 HTTP/1.1\r\nHost: 192.0.2.1:8080"},
+        {"http://192.0.2.1/", "GET / HTTP/1.1\r\nHost: 192.0.2.1"},
+        {"http://192.0.2.1", "GET / HTTP/1.1\r\nHost: 192.0.2.1"},
+        {"http://192.0.2.1?x=1", "GET /?x=1 HTTP/1.1\r\nHost: 192.0.2.1"},
+        {"http://user@192.0.2.1/a", "GET /a HTTP/1.1\r\nHost: 192.0.2.1"},
+        {"http:///a", "GET / HTTP/1.1\r\nHost: a"},
+        {"http://:80/a", "GET /a HTTP/1.1\r\nHost: localhost:80"},
+        // The brackets of an address are dropped from the host, and one stays in the target of a URL without a port.
+        {"http://[2001:db8::1]:80/a", "GET /a HTTP/1.1\r\nHost: 2001:db8::1:80"},
+        {"http://[2001:db8::1]/a", "GET /]/a HTTP/1.1\r\nHost: 2001:db8::1"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(first_lines(request_for(row.url)), row.want) << row.url;
+}
+
+TEST(fwd_http_rq, cuts_a_long_query_with_a_warning)
+{
+    const std::string head = "http://h/a?";
+    for (const size_t len : {size_t{126}, size_t{127}, size_t{128}, size_t{200}}) {
+        const std::string query(len - 3, 'q'); // "/a?" and the query are the request
+        LogCapture log;
+        const std::string target = "/a?" + query;
+        EXPECT_EQ(first_lines(request_for(head + query)), "GET " + target.substr(0, 127) + " HTTP/1.1\r\nHost: h");
+        Lines want;
+        if (len > 127) {
+            want.push_back("fwd_http_rq: GET query is too long [" + std::to_string(len) + " bytes], max=127 bytes.");
+        }
+        EXPECT_EQ(log.messages(ll::warning), want);
+    }
+}
+
+TEST(fwd_http_rq, refuses_what_it_cannot_parse)
+{
+    LogCapture log;
+    EXPECT_EQ(fwd_http_rq(-1, "a", "kvt", 0), -1);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"uri_extract: error parsing URI: [a]"}));
+    log.clear();
+    EXPECT_EQ(fwd_http_rq(-1, "http://[::1", "kvt", 0), -1);
+    EXPECT_EQ(log.messages(ll::error).back(), "fwd_http_rq: URI has no path tail: http://[::1");
+}
+
+// What counts is the flag of the request; the setting is only told.
+TEST(fwd_http_rq, only_tells_the_setting_for_http10)
+{
+    g_usock_flags.use_http10_get = true;
+    LogCapture log;
+    EXPECT_TRUE(request_for("http://h/a").starts_with("GET /a HTTP/1.1\r\n"));
+    EXPECT_TRUE(log.contains("fwd_http_rq: Using HTTP/1.0 request"));
+    g_usock_flags.use_http10_get = false;
+    log.clear();
+    EXPECT_TRUE(request_for("http://h/a", RQFLAG_HTTP10_GET).starts_with("GET /a HTTP/1.0\r\n"));
+    EXPECT_EQ(log.count("Using HTTP/1.0"), 0u);
+}
+
+TEST(usock_http_get, signs_with_the_application_tag)
+{
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    const Fd here(fds[0]), there(fds[1]);
+    usock_set_apptag("tagged");
+    EXPECT_EQ(usock_http_get(here.get(), "http://h/a", RQFLAG_KEEPALIVE), 0);
+    const std::string request = take_request(there.get());
+    EXPECT_NE(request.find("\r\nUser-Agent: tagged\r\n"), std::string::npos);
+    EXPECT_NE(request.find("\r\nConnection: keep-alive\r\n"), std::string::npos);
+}
