@@ -27,6 +27,8 @@ void deep_check(const tsan_ctx* tc)
     const char* why = nullptr;
     if (tsan_validate(tc, &why)) return;
     tv_log(ll::panic, "%s: [%s] %s\n", __func__, tc->cfg.source, why);
+    fprintf(stderr, "%s: %s\n", __func__, why);
+    tsan_dump(stderr, tc);
     abort();
 }
 #else

@@ -39,11 +39,30 @@ const char* broken_rule(const program_info& pg)
     if (pg.pcr_idx < -1 || pg.pcr_idx >= ssize_t(MAX_NSTREAMS)) return "PCR stream index out of range";
     if (pg.ref_idx < -1 || pg.ref_idx >= ssize_t(MAX_NSTREAMS)) return "reference stream index out of range";
     if (pg.pcr_pid >= NUM_PIDS) return "impossible PCR PID";
-    if (pg.nstreams != 0 && pg.txt_pmt.buf == nullptr) return "streams without a PMT text";
     if (pg.txt_pmt.textlen > pg.txt_pmt.buflen) return "PMT text longer than its buffer";
     if (pg.memo.len > TS_PKT_BYTES) return "memo longer than a packet";
     if (pg.memo.len != 0 && pg.txt_pmt.buf == nullptr) return "memo without a PMT text";
     return nullptr;
+}
+
+bool same_slot(pid_slot a, pid_slot b)
+{
+    return a.ipg == b.ipg && a.istm == b.istm;
+}
+
+// Walks for the PIDs that the map knows and for those in the tables: that leaves only PIDs unknown to both.
+bool map_in_step(const tsan_ctx* tc)
+{
+    for (unsigned pid = 0; pid < NUM_PIDS; ++pid) {
+        const pid_slot slot = tc->pid_map[pid];
+        if (!same_slot(slot, NO_SLOT) && !same_slot(slot, tsan_int::find_pid_slot(tc, pid))) return false;
+    }
+    for (size_t i = 0; i < pmt_list_len(tc); ++i)
+        if (tc->pid_map[tc->pmt_pid[i]].ipg < 0) return false;
+    for (size_t i = 0; i < tc->nprogs; ++i)
+        for (size_t j = 0; j < tc->pg[i].nstreams; ++j)
+            if (tc->pid_map[tc->pg[i].stm[j].pid].ipg < 0) return false;
+    return true;
 }
 
 const char* broken_rule(const tsan_ctx* tc)
@@ -54,10 +73,7 @@ const char* broken_rule(const tsan_ctx* tc)
     if (tc->nprogs < MAX_PMTS && tc->pmt_pid[tc->nprogs] != 0) return "list of PMT PIDs without an end";
     for (const program_info& pg : tc->pg)
         if (const char* why = broken_rule(pg); why != nullptr) return why;
-    for (unsigned pid = 0; pid < NUM_PIDS; ++pid) {
-        const pid_slot a = tc->pid_map[pid], b = tsan_int::find_pid_slot(tc, pid);
-        if (a.ipg != b.ipg || a.istm != b.istm) return "PID map out of step with the tables";
-    }
+    if (!map_in_step(tc)) return "PID map out of step with the tables";
     if (tc->atotal > tc->ptotal) return "more packets analyzed than taken";
     return nullptr;
 }

@@ -479,6 +479,7 @@ TEST_F(Tsan, validate_objects_to_each_broken_rule)
     breaks(a->pmt_pid[0], 8192);
     breaks(a->pmt_pid[1], 5);
     breaks(a->pid_map[101].istm, 1);
+    breaks(a->pid_map[101].ipg, -1);
     breaks(a->pid_map[500].ipg, 0);
     breaks(a->atotal, 1000);
     breaks(pg().nstreams, MAX_NSTREAMS + 1);
