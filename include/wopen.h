@@ -27,6 +27,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 struct usock_ctx {
     bool inbound;             // in: data flows from the source to this process
@@ -46,6 +47,8 @@ struct usock_ctx {
     size_t buflen;            // out: bytes in buf
     char* own_buf;            // private: the buf that usock_open allocated, or null
 };
+// A context of zeroes is a fact of a static record, and not a hope.
+static_assert(std::is_trivially_default_constructible_v<usock_ctx> && std::is_standard_layout_v<usock_ctx>);
 
 struct usock_flags {
     bool use_http10_get; // is only told in the log; RQFLAG_HTTP10_GET is what counts

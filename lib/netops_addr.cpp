@@ -183,7 +183,7 @@ bool saddr_equal(const struct sockaddr* a, const struct sockaddr* b)
         return memcmp(&left, &right, sizeof(left)) == 0;
     }
     tv_log(ll::error, "%s: unrecognized family: %d\n", __func__, a->sa_family);
-    assert(!"an IP family");
+    assert(a->sa_family == AF_INET || a->sa_family == AF_INET6);
     return false;
 }
 

@@ -2,7 +2,6 @@
 // layer, which ends in the HTTP exchange where the URL asks for one.
 #include "wopen.h"
 
-#include "fdio.h"
 #include "log.h"
 #include "syswrap.h"
 
@@ -15,8 +14,8 @@
 
 TV_LOG_MODULE(0)
 
-char g_apptag[APPTAG_SIZE] = "#ERR#";
-struct usock_flags g_usock_flags = {};
+constinit char g_apptag[APPTAG_SIZE] = "#ERR#";
+constinit struct usock_flags g_usock_flags = {};
 
 namespace
 {
