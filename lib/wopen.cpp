@@ -2,6 +2,7 @@
 // layer, which ends in the HTTP exchange where the URL asks for one.
 #include "wopen.h"
 
+#include "fdio.h"
 #include "log.h"
 #include "syswrap.h"
 
