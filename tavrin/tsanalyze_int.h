@@ -1,8 +1,9 @@
 // The analyzer's private records, and the functions that its source files share. For tavrin/tsanalyze*.cpp and their
 // tests only.
 //
-// Who does what: tsanalyze.cpp the context and a packet's way, _pat, _pmt, _cc, _clock, _silence, _stats and _cfg one
-// theme each. The stated fields of each record come first; what only speeds things up stands behind them.
+// Who does what: tsanalyze.cpp the context and a packet's way; _map what the themes share; _pmtfit the check of foreign
+// PMT sections; _pat, _pmt, _cc, _clock, _silence, _stats and _cfg one theme each. In each record what is known of the
+// stream comes first; what only speeds things up stands behind it.
 //
 // A *packet tag* is quoted by alerts, and few packets raise one. So each packet only notes what its tag is made of
 // (`tag_src`), as things stand when the packet arrives; tag_text() and pcr_tag_text() render the text when a line asks.
