@@ -295,7 +295,8 @@ TEST_F(PAT, changed_table_that_stays_raises_no_second_alert)
     EXPECT_EQ(list(), pids{200});
 }
 
-// By design the statistics stay with the slot: the program behind a vanished one takes over what stood at its new index.
+// By design the statistics stay with the slot: the program behind a vanished one takes over what stood at its new
+// index.
 TEST_F(PAT, vanished_program_moves_the_pids_behind_it_and_no_slot)
 {
     a.feed_pat(pat({{1, 100}, {2, 200}, {3, 300}}));

@@ -649,8 +649,8 @@ TEST_F(HostilePMT, text_in_a_foreign_encoding_is_shown_as_it_is)
     EXPECT_EQ(pg().nstreams, 1u);
 }
 
-// Every descriptor tag with bytes that lie: rendering comes to an end and stays inside the section's copy (the sanitizer
-// run sees that), and the record stays valid.
+// Every descriptor tag with bytes that lie: rendering comes to an end and stays inside the section's copy (the
+// sanitizer run sees that), and the record stays valid.
 TEST_F(HostilePMT, random_descriptors_of_every_tag_are_rendered_or_refused)
 {
     std::mt19937 rng(7);
