@@ -308,6 +308,7 @@ void capture_source(capture* c)
     while (next != turn::leave && !g_quit) {
         // A failure leaves the flag set, and the next turn tries again.
         (void)process_signals();
+        app_int::deep_check();
         c->where = "#unknown#";
         next = make_room(c);
         if (next == turn::data) next = read_source(c);

@@ -216,6 +216,7 @@ const struct process_ctx* app_int::feed_state()
 
 int analyze_input(uint8_t* buf, size_t buflen)
 {
+    app_int::deep_check();
     if (pctx.info.ts_len == 0) {
         const int rc = learn_stream();
         if (rc != 0 || pctx.info.ts_len == 0) return rc;

@@ -50,6 +50,13 @@ const char* validate_ctx(const struct kvti_ctx* ctx, const struct process_ctx* f
 // The run-time state in words, for the debugger and a failed test.
 void dump_ctx(FILE* fp, const struct kvti_ctx* ctx, const struct process_ctx* feed);
 
+// In builds with deep checks: a state that is not valid is shown on stderr, and the process aborts.
+#ifdef KVT_DEEP_CHECKS
+void deep_check();
+#else
+inline void deep_check() {}
+#endif
+
 } // namespace app_int
 
 #endif // TAVRIN_APP_INT_H

@@ -3,6 +3,7 @@
 #include "log.h"
 #include "tavrin/app_int.h"
 
+#include <cstdlib>
 #include <cstring>
 
 TV_LOG_MODULE(app_int::log_module)
@@ -47,5 +48,14 @@ void dump_ctx(FILE* fp, const struct kvti_ctx* ctx, const struct process_ctx* fe
             static_cast<long>(ctx->config_mtime));
     fprintf(fp, "\tinvariants: %s\n", broken != nullptr ? broken : "hold");
 }
+
+#ifdef KVT_DEEP_CHECKS
+void deep_check()
+{
+    if (validate_ctx(&g_ctx, feed_state()) == nullptr) return;
+    dump_ctx(stderr, &g_ctx, feed_state());
+    abort();
+}
+#endif
 
 } // namespace app_int
