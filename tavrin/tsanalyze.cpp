@@ -1,7 +1,7 @@
 // The analyzer's context and a packet's way through it: where it belongs, what it is, what it counts for.
 //
 // This is the per-packet road. It allocates nothing, formats nothing unless a line is due, and finds a packet's
-// stream with one look into the PID map.
+// stream with one look into the PID map. What is rare is out of line, so that the road itself stays short.
 #include "tavrin/tsanalyze.h"
 
 #include "log.h"
@@ -112,19 +112,28 @@ void take_PES_head(tsan_ctx* tc, const uint8_t* pkt)
     if (is_pes_pkt(pld)) update_pts_dts(tc, pld, tc->dat.stream);
 }
 
-void trace_PSI_pkt(tsan_ctx* tc, unsigned pid)
+[[gnu::cold, gnu::noinline]] void trace_PSI_pkt(tsan_ctx* tc, unsigned pid)
 {
-    if (!tc->cfg.trk.pat_pmt_pkt) return;
     if (pid == PAT_PKT_PID)
         tv_log(ll::info, "[%s] found PAT at %s\n", tc->cfg.source, tag_text(tc));
     else
         tv_log(ll::info, "[%s] found PMT (pid%u) at %s\n", tc->cfg.source, pid, tag_text(tc));
 }
 
-// Takes a PAT or PMT packet. One without payload brings no section and changes nothing.
-void take_PSI_pkt(tsan_ctx* tc, unsigned pid, const uint8_t* pkt)
+[[gnu::cold, gnu::noinline]] void trace_SDT_pkt(tsan_ctx* tc)
 {
-    trace_PSI_pkt(tc, pid);
+    tv_log(ll::info, "[%s] disregarding SDT at %s\n", tc->cfg.source, tag_text(tc));
+}
+
+[[gnu::cold, gnu::noinline]] void trace_misc_pkt(tsan_ctx* tc, unsigned pid)
+{
+    tv_log(ll::info, "%s: [%s] ignoring pid=%u %s\n", "upsert_pkt_info", tc->cfg.source, pid, tag_text(tc));
+}
+
+// Takes a PAT or PMT packet. One without payload brings no section and changes nothing.
+[[gnu::noinline]] void take_PSI_pkt(tsan_ctx* tc, unsigned pid, const uint8_t* pkt)
+{
+    if (tc->cfg.trk.pat_pmt_pkt) trace_PSI_pkt(tc, pid);
     const std::span<const uint8_t> sec = psi_section(pkt);
     if (sec.empty())
         tv_log(ll::debug, "%s: [%s] no section in the packet (pid%u) at %s\n", __func__, tc->cfg.source, pid,
@@ -141,36 +150,45 @@ int upsert_pkt_info(tsan_ctx* tc, unsigned pid, const uint8_t* pkt)
 {
     // By design a stream or PMT on the SDT's PID is passed over here, and its packets still count.
     if (pid == SDT_PKT_PID) {
-        if (tc->cfg.trk.sdt_ignore) tv_log(ll::info, "[%s] disregarding SDT at %s\n", tc->cfg.source, tag_text(tc));
+        if (tc->cfg.trk.sdt_ignore) trace_SDT_pkt(tc);
     } else if (tc->dat.is_pat || tc->dat.is_pmt) {
         take_PSI_pkt(tc, pid, pkt);
     } else if (tc->dat.istm >= 0) {
         if (pkt_has_pcr(tc, pid, pkt)) pcr_intake(tc, pkt);
         take_PES_head(tc, pkt);
     } else if (tc->cfg.trk.misc_ignore) {
-        tv_log(ll::info, "%s: [%s] ignoring pid=%u %s\n", __func__, tc->cfg.source, pid, tag_text(tc));
+        trace_misc_pkt(tc, pid);
     }
     return int(tc->dat.istm);
 }
 
+// Each program that starts late sets it anew: the last one to start has the last word.
+[[gnu::cold, gnu::noinline]] void note_first_analyzed(tsan_ctx* tc)
+{
+    tc->pre_skipped = tc->ptotal - 1;
+    tv_log(ll::info, "%s: %lu skipped before analysis\n", "analyze_pkt", tc->pre_skipped);
+}
+
 int analyze_pkt(tsan_ctx* tc, unsigned pid, const uint8_t* pkt, ssize_t idx)
 {
-    // Each program that starts late sets it anew: the last one to start has the last word.
-    if (prog(tc)->stat.acount == 0) {
-        tc->pre_skipped = tc->ptotal - 1;
-        tv_log(ll::info, "%s: %lu skipped before analysis\n", __func__, tc->pre_skipped);
-    }
+    if (prog(tc)->stat.acount == 0) note_first_analyzed(tc);
     ++tc->atotal;
     inc_pkt_stat(tc, idx, false);
     if (!tc->cfg.is_enabled) return 0;
     const uint8_t control = pkt[tsf::control_ofs];
     if (tc->cfg.cc_track && (control & tsf::has_payload) != 0) cc_track(tc, pid, control & tsf::cc_mask);
-    check_timestamps(tc, pid, pkt);
+    if (has_fresh_stamps(tc, pid)) check_timestamps(tc, pkt);
     return 0;
 }
 
+[[gnu::cold, gnu::noinline]] int refuse_unsynced(tsan_ctx* tc)
+{
+    tv_log(ll::error, "%s: [%s] out of sync at %s\n", "tsan_process", tc->cfg.source, tag_text(tc));
+    return -1;
+}
+
 // Nothing has been analyzed so far: waits for metadata, and complains when it takes too long.
-int judge_skip_phase(tsan_ctx* tc)
+[[gnu::cold, gnu::noinline]] int judge_skip_phase(tsan_ctx* tc)
 {
     static time_t last_notice = 0;
     if (tc->last_pkt_idx < tc->cfg.max_skip_pkts) return 0;
@@ -255,10 +273,7 @@ int tsan_process(tsan_t t, const uint8_t* pkt)
     ++t->last_pkt_idx;
     ++t->ptotal;
     mk_ptag(t);
-    if (pkt[0] != TS_SYNC) {
-        tv_log(ll::error, "%s: [%s] out of sync at %s\n", __func__, t->cfg.source, tag_text(t));
-        return -1;
-    }
+    if (pkt[0] != TS_SYNC) return refuse_unsynced(t);
     const int idx = upsert_pkt_info(t, pid, pkt);
     if (idx >= 0) {
         mark_processed(t, idx);

@@ -197,12 +197,10 @@ void update_pts_dts(struct tsan_ctx* tc, std::span<const uint8_t> pld, struct st
     }
 }
 
-void check_timestamps(struct tsan_ctx* tc, unsigned pid, const uint8_t* pkt)
+void check_timestamps(struct tsan_ctx* tc, const uint8_t* pkt)
 {
     struct program_info* pg = prog(tc);
     struct stream_info* si = tc->dat.stream;
-    if (pid == pg->pcr_pid) return; // the stream that carries the clock is not measured by it
-    if (!si->pts_updated && !si->dts_updated) return;
     if (ts_get_payload(pkt).empty()) return;
     if (si->stype != 'A') return;
 

@@ -361,9 +361,16 @@ void cc_track(struct tsan_ctx* tc, unsigned pid, int cc);
 void pcr_intake(struct tsan_ctx* tc, const uint8_t* pkt);
 // Takes PTS and DTS from a PES header. Requires: is_pes_pkt(pld); `si` is the packet's stream.
 void update_pts_dts(struct tsan_ctx* tc, std::span<const uint8_t> pld, struct stream_info* si);
+// True if the packet's stream has a timestamp that waits to be measured. The stream that carries the clock is not
+// measured by it. Requires: a current program and stream, here and below.
+inline bool has_fresh_stamps(const struct tsan_ctx* tc, unsigned pid)
+{
+    const struct stream_info* si = tc->dat.stream;
+    return pid != prog(tc)->pcr_pid && (si->pts_updated || si->dts_updated);
+}
 // Measures what the packet's stream has newly got: the part of analyze_pkt behind the continuity step.
-// Requires: a current program and stream.
-void check_timestamps(struct tsan_ctx* tc, unsigned pid, const uint8_t* pkt);
+// Requires: has_fresh_stamps(tc, pid).
+void check_timestamps(struct tsan_ctx* tc, const uint8_t* pkt);
 
 // ---- silence (tsanalyze_silence.cpp) --------------------------------------------------------------------------
 
