@@ -10,7 +10,7 @@
 // Results: 0 or a length, or a negative number. Trouble with a clock or a conversion is said on stderr, since the
 // log itself stands on these functions.
 // One thread. mk_timestr may be called from a signal handler: it refuses to run while the interrupted code is
-// inside a conversion of its own.
+// inside a calendar conversion of this module, where the C library holds a lock that it would wait for in vain.
 #ifndef TV_TIMEOP_H
 #define TV_TIMEOP_H
 

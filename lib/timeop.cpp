@@ -54,11 +54,40 @@ static_assert(ticks_are_behind(5, 0, 1000));
 static_assert(!ticks_are_behind(15, 5, 10) && ticks_are_behind(16, 5, 10));
 static_assert(!ticks_are_behind(9, UINT32_MAX - 1, 10) && ticks_are_behind(10, UINT32_MAX - 1, 10));
 
+// Marks a conversion for the length of a block. It may stand inside another one, and puts back what it found.
+struct [[nodiscard]] conversion_mark {
+    const sig_atomic_t before = g_converting;
+
+    conversion_mark() { g_converting = 1; }
+    ~conversion_mark() { g_converting = before; }
+    conversion_mark(const conversion_mark&) = delete;
+    conversion_mark& operator=(const conversion_mark&) = delete;
+};
+
+// The C library's conversions between moments and calendar: nothing else here may ask for one without a mark.
+
+const struct tm* local_time(time_t sec, struct tm* tm)
+{
+    const conversion_mark mark;
+    return localtime_r(&sec, tm);
+}
+
+const struct tm* gmt_time(time_t sec, struct tm* tm)
+{
+    const conversion_mark mark;
+    return gmtime_r(&sec, tm);
+}
+
+time_t local_seconds(struct tm* tm)
+{
+    const conversion_mark mark;
+    return mktime(tm);
+}
+
 // Broken-down time of a moment: true, or false after a word on stderr.
 bool convert(time_t sec, bool gmt, struct tm* tm)
 {
-    const struct tm* res = gmt ? gmtime_r(&sec, tm) : localtime_r(&sec, tm);
-    if (res) return true;
+    if (gmt ? gmt_time(sec, tm) : local_time(sec, tm)) return true;
     perror("gmtime_r/localtime_r");
     return false;
 }
@@ -81,7 +110,7 @@ int seconds_of(const char* s, struct tm* tm, time_t* sec)
     tm->tm_year -= TM_YEAR_BASE;
     tm->tm_mon -= 1;
     tm->tm_isdst = -1; // the text does not say: let the calendar tell
-    *sec = mktime(tm);
+    *sec = local_seconds(tm);
     if (*sec != static_cast<time_t>(-1)) return 0;
     tv_log(ll::error, "%s: cannot make time from [%s]\n", "scan_log_time", s);
     return -1;
@@ -145,9 +174,10 @@ void calc_timespan(const struct timespec* from, const struct timespec* till, str
 const char* get_timezone(int refresh)
 {
     if (refresh == 0 && g_zone[0] != '\0') return g_zone;
+    const conversion_mark mark; // to the end: strftime() asks for the same lock, and the kept text is being changed
     const time_t now = time(nullptr);
     struct tm tm = {};
-    if (!localtime_r(&now, &tm)) {
+    if (!local_time(now, &tm)) {
         perror("localtime_r");
         return nullptr;
     }
@@ -164,11 +194,8 @@ int mk_timestr(const struct timespec* tms, uint32_t flags, char* buf, size_t buf
     if ((flags & LTF_RAW) != 0) return mk_raw_timestr(tms, buf, buflen);
 
     if (g_converting != 0) return INTERRUPTED_ITSELF;
-    g_converting = 1;
     struct tm tm = {};
-    const bool converted = convert(tms->tv_sec, (flags & LTF_GMT) != 0, &tm);
-    g_converting = 0;
-    if (!converted) return -1;
+    if (!convert(tms->tv_sec, (flags & LTF_GMT) != 0, &tm)) return -1;
 
     // By design: the local zone's name, also behind a GMT time. Those who parse the log split at its blank.
     const char* zone = get_timezone(0);
@@ -218,7 +245,7 @@ int scan_log_time(const char* s, struct timespec* tms, uint32_t flags)
 int mk_gmt_date(time_t ut, char* buf, size_t buflen)
 {
     struct tm tm = {};
-    if (!gmtime_r(&ut, &tm)) {
+    if (!gmt_time(ut, &tm)) {
         perror("gmtime");
         return -1;
     }
@@ -248,7 +275,7 @@ int mk_timespan(long total_sec, char* buf, size_t buflen)
 time_t get_endofday_utime(time_t tstamp)
 {
     struct tm tm = {};
-    if (!localtime_r(&tstamp, &tm)) {
+    if (!local_time(tstamp, &tm)) {
         tv_log(ll::error, "%s: localtime_r() FAILED\n", __func__);
         return -1;
     }
@@ -256,7 +283,7 @@ time_t get_endofday_utime(time_t tstamp)
     tm.tm_min = 59;
     tm.tm_sec = 59;
     tm.tm_isdst = -1; // the clock may change between now and midnight
-    return mktime(&tm);
+    return local_seconds(&tm);
 }
 
 // ---- spans in time or ticks -----------------------------------------------------------------------------------

@@ -22,7 +22,34 @@ namespace
 bool g_fail_localtime = false;
 std::function<void()> g_inside_conversion; // runs where a signal would arrive
 
+template <typename F>
+F real_one(const char* name)
+{
+    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+
 } // namespace
+
+extern "C" struct tm* gmtime_r(const time_t* t, struct tm* tm) noexcept
+{
+    if (g_inside_conversion) g_inside_conversion();
+    static const auto real = real_one<struct tm* (*)(const time_t*, struct tm*)>("gmtime_r");
+    return real(t, tm);
+}
+
+extern "C" time_t mktime(struct tm* tm) noexcept
+{
+    if (g_inside_conversion) g_inside_conversion();
+    static const auto real = real_one<time_t (*)(struct tm*)>("mktime");
+    return real(tm);
+}
+
+extern "C" size_t strftime(char* s, size_t max, const char* fmt, const struct tm* tm) noexcept
+{
+    if (g_inside_conversion) g_inside_conversion();
+    static const auto real = real_one<size_t (*)(char*, size_t, const char*, const struct tm*)>("strftime");
+    return real(s, max, fmt, tm);
+}
 
 extern "C" struct tm* localtime_r(const time_t* t, struct tm* tm) noexcept
 {
@@ -31,8 +58,7 @@ extern "C" struct tm* localtime_r(const time_t* t, struct tm* tm) noexcept
         errno = EOVERFLOW;
         return nullptr;
     }
-    using fn = struct tm* (*)(const time_t*, struct tm*);
-    static const fn real = reinterpret_cast<fn>(dlsym(RTLD_NEXT, "localtime_r"));
+    static const auto real = real_one<struct tm* (*)(const time_t*, struct tm*)>("localtime_r");
     return real(t, tm);
 }
 
@@ -309,6 +335,39 @@ TEST_F(TimeTest, a_handler_inside_a_conversion_gets_no_text)
     EXPECT_EQ(timestr({0, 0}, LTF_NO_USEC).substr(0, 19), "1970-01-01 01:00:00");
     EXPECT_EQ(seen, (std::vector<int>{-35, -35, 8}));
     EXPECT_EQ(timestr({0, 0}, LTF_NO_USEC).substr(0, 19), "1970-01-01 01:00:00");
+}
+
+// The C library would wait for its own lock there, for ever.
+TEST_F(TimeTest, a_handler_gets_no_text_inside_any_conversion_of_these_functions)
+{
+    char date[16];
+    struct timespec t = {};
+    const struct {
+        const char* what;
+        int conversions;
+        std::function<void()> run;
+    } rows[] = {
+        {"zone", 2, [] { (void)get_timezone(1); }},
+        {"end of day", 2, [] { (void)get_endofday_utime(AUG_7); }},
+        {"reading back", 1, [&] { (void)scan_log_time("2018-08-07 08:00:00 CEST", &t, LTF_NO_USEC); }},
+        {"date", 1, [&] { (void)mk_gmt_date(AUG_7, date, sizeof(date)); }},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.what);
+        std::vector<int> seen;
+        bool in_handler = false;
+        g_inside_conversion = [&] {
+            if (in_handler) return;
+            in_handler = true;
+            char inner[64];
+            seen.push_back(mk_timestr(&t, 0, inner, sizeof(inner)));
+            in_handler = false;
+        };
+        r.run();
+        g_inside_conversion = nullptr;
+        EXPECT_EQ(seen, std::vector<int>(static_cast<size_t>(r.conversions), -35));
+        EXPECT_EQ(timestr({0, 0}, LTF_NO_USEC).substr(0, 19), "1970-01-01 01:00:00"); // free again
+    }
 }
 
 TEST_F(TimeTest, a_refused_conversion_leaves_the_next_one_free)
