@@ -10,10 +10,11 @@
 // Results: 0 or a length, or a negative number. Trouble with a clock or a conversion is said on stderr, since the
 // log itself stands on these functions.
 // One thread. mk_timestr may be called from a signal handler: it refuses to run while the interrupted code is
-// inside a calendar conversion of this module, where the C library holds a lock that it would wait for in vain.
+// inside a calendar conversion (see calendar_mark).
 #ifndef TV_TIMEOP_H
 #define TV_TIMEOP_H
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -42,6 +43,18 @@ bool timed_out_real(const struct timespec* last_tm, const struct timespec* tmout
 void calc_timespan(const struct timespec* from, const struct timespec* till, struct timespec* span);
 
 // ---- texts ----------------------------------------------------------------------------------------------------
+
+// While one lives, the C library may hold its calendar lock, for which a signal handler would wait in vain: mk_timestr
+// then converts nothing. All conversions of this module are marked; a caller marks what converts on its own account,
+// such as syslog(). One may live inside another.
+struct [[nodiscard]] calendar_mark {
+    calendar_mark();
+    ~calendar_mark();
+    calendar_mark(const calendar_mark&) = delete;
+    calendar_mark& operator=(const calendar_mark&) = delete;
+
+    const sig_atomic_t before; // put back at the end
+};
 
 // The local zone's abbreviation with a blank before it, such as " CEST". Read once and then kept; `refresh`
 // non-zero reads it anew. Null after a message on stderr if it can't be told; a zone text above 15 characters also

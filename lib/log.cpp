@@ -203,6 +203,12 @@ int put_head(line_cursor* cur, const struct log_ctx* log, int level)
     return 0;
 }
 
+void put_to_syslog(const struct log_ctx* log, int level)
+{
+    const calendar_mark mark; // syslog() writes a time of its own
+    syslog(log->syslg.facility | get_syslog_pri(level), "%s", g_outbuf);
+}
+
 struct free_deleter {
     void operator()(void* p) const { free(p); }
 };
@@ -248,7 +254,7 @@ void log_flush(struct log_ctx* log, int level)
     if (log->mirror_fp && fileno(log->mirror_fp) != fileno(log->fp)) (void)fputs(g_outbuf, log->mirror_fp);
     if (g_sigctx != 0) return; // neither syslog nor renames from a signal handler
 
-    if (level < 0 && log->syslg.enabled) syslog(log->syslg.facility | get_syslog_pri(level), "%s", g_outbuf);
+    if (level < 0 && log->syslg.enabled) put_to_syslog(log, level);
     if (!log_int::is_std_stream(log)) log_int::rotate_if_due(log);
 }
 

@@ -54,33 +54,23 @@ static_assert(ticks_are_behind(5, 0, 1000));
 static_assert(!ticks_are_behind(15, 5, 10) && ticks_are_behind(16, 5, 10));
 static_assert(!ticks_are_behind(9, UINT32_MAX - 1, 10) && ticks_are_behind(10, UINT32_MAX - 1, 10));
 
-// Marks a conversion for the length of a block. It may stand inside another one, and puts back what it found.
-struct [[nodiscard]] conversion_mark {
-    const sig_atomic_t before = g_converting;
-
-    conversion_mark() { g_converting = 1; }
-    ~conversion_mark() { g_converting = before; }
-    conversion_mark(const conversion_mark&) = delete;
-    conversion_mark& operator=(const conversion_mark&) = delete;
-};
-
 // The C library's conversions between moments and calendar: nothing else here may ask for one without a mark.
 
 const struct tm* local_time(time_t sec, struct tm* tm)
 {
-    const conversion_mark mark;
+    const calendar_mark mark;
     return localtime_r(&sec, tm);
 }
 
 const struct tm* gmt_time(time_t sec, struct tm* tm)
 {
-    const conversion_mark mark;
+    const calendar_mark mark;
     return gmtime_r(&sec, tm);
 }
 
 time_t local_seconds(struct tm* tm)
 {
-    const conversion_mark mark;
+    const calendar_mark mark;
     return mktime(tm);
 }
 
@@ -171,10 +161,20 @@ void calc_timespan(const struct timespec* from, const struct timespec* till, str
 
 // ---- texts ----------------------------------------------------------------------------------------------------
 
+calendar_mark::calendar_mark() : before(g_converting)
+{
+    g_converting = 1;
+}
+
+calendar_mark::~calendar_mark()
+{
+    g_converting = before;
+}
+
 const char* get_timezone(int refresh)
 {
     if (refresh == 0 && g_zone[0] != '\0') return g_zone;
-    const conversion_mark mark; // to the end: strftime() asks for the same lock, and the kept text is being changed
+    const calendar_mark mark; // to the end: strftime() asks for the same lock, and the kept text is being changed
     const time_t now = time(nullptr);
     struct tm tm = {};
     if (!local_time(now, &tm)) {

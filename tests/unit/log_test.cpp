@@ -21,6 +21,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <dlfcn.h>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,7 @@ struct syslog_line {
     std::string text;
 };
 std::vector<syslog_line> g_syslog;
+std::function<void()> g_inside_syslog; // runs where a signal would arrive
 int g_closelogs = 0;
 
 enum class stack_fault { none, no_frames, no_frames_errno, no_symbols };
@@ -51,6 +53,7 @@ extern "C" void syslog(int priority, const char* fmt, ...)
     vsnprintf(text, sizeof(text), fmt, args);
     va_end(args);
     g_syslog.push_back({priority, text});
+    if (g_inside_syslog) g_inside_syslog();
 }
 
 extern "C" void closelog()
@@ -124,6 +127,7 @@ protected:
             log->is_pipe = 0;
         }
         g_syslog.clear();
+        g_inside_syslog = nullptr;
         g_closelogs = 0;
     }
 };
@@ -628,6 +632,24 @@ TEST_F(LogTest, records_go_to_syslog_at_its_debug_priority)
     ASSERT_EQ(g_syslog.size(), 1u);
     EXPECT_EQ(g_syslog[0].priority, 128 | 7);
     EXPECT_EQ(g_syslog[0].text, alerts.text());
+}
+
+// syslog() makes a time itself, and holds the C library's calendar lock for it.
+TEST_F(LogTest, a_handler_inside_syslog_does_not_wait_for_the_calendar)
+{
+    LogCapture log;
+    g_log.syslg = {true, 0, LOG_LOCAL0};
+    std::string said;
+    g_inside_syslog = [&said] {
+        g_sigctx = 1;
+        said = stderr_of([] { tv_log(ll::normal, "from a handler\n"); });
+        g_sigctx = 0;
+    };
+    tv_log(ll::error, "from the main road\n");
+    EXPECT_EQ(said, "logbuf_prepare: time buffer error (n=-35)\n");
+    EXPECT_EQ(log.messages(), (lines_t{"from the main road"}));
+    tv_log(ll::normal, "behind it\n");
+    EXPECT_EQ(log.messages(), (lines_t{"from the main road", "behind it"}));
 }
 
 TEST_F(LogTest, without_syslog_nothing_goes_there)
