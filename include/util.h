@@ -59,7 +59,9 @@ void on_sigquit(int signum); // g_quit
 // Makes the process a daemon: two forks with a new session in between, so that it can't regain a terminal, the root
 // directory, umask 0, descriptors 0 and 1 closed. Descriptor 2 stays open for what can't be logged otherwise, and
 // a g_log that stands on one of the three descriptors goes on at stderr. Both parents leave with exit(0), so that
-// their buffered output is flushed. 0 in the daemon; -1 in the process in which a step failed.
+// their buffered output is flushed; standard output's goes out ahead of that, and only once. What is written to stdin
+// and stdout afterwards goes wherever the next two descriptors lead: the caller had better occupy them.
+// 0 in the daemon; -1 in the process in which a step failed.
 int daemonize();
 
 // Becomes the named user, with that user's group. 0, or -1 also for an unknown user.

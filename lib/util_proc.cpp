@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -87,6 +88,9 @@ const char* effective_home(const char* caller)
 
 int daemonize()
 {
+    // What stands in the buffer would be written twice: by the parent, and by the daemon into whatever has got
+    // descriptor 1 by then.
+    (void)fflush(stdout);
     if (move_to_child(__func__) < 0) return -1;
     if (setsid() < 0) return daemon_step_failed(__func__, "setsid");
     if (chdir("/") != 0) return daemon_step_failed(__func__, "chdir");

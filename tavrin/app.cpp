@@ -15,6 +15,7 @@
 #include "util.h"
 #include "webops.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -68,6 +69,16 @@ int install_handlers()
 
 // ---- start-up -------------------------------------------------------------------------------------------------
 
+// A daemon's descriptors 0 and 1 are closed. Left free they would go to the log and the ring, and the records of an
+// alert log that stayed on standard output would be written over the stream.
+int occupy_std_streams()
+{
+    const int fd = W_open("runtime_setup", "/dev/null", O_RDWR | O_NOCTTY, 0);
+    if (fd < 0) return -1;
+    if (fd == STDIN_FILENO && W_dup2("runtime_setup", fd, STDOUT_FILENO) < 0) return -1;
+    return fd <= STDOUT_FILENO ? 0 : W_close("runtime_setup", fd); // above: both were taken already
+}
+
 int make_daemon(char* cwd, size_t cwdlen)
 {
     if (g_cfg.log.path[0] == '\0') {
@@ -86,7 +97,8 @@ int make_daemon(char* cwd, size_t cwdlen)
         tv_log(ll::error, "Failed to make the process a daemon, quitting.\n");
         return rc;
     }
-    if (g_cfg.rt.user[0] != '\0') rc = run_as_user(g_cfg.rt.user);
+    rc = occupy_std_streams();
+    if (rc == 0 && g_cfg.rt.user[0] != '\0') rc = run_as_user(g_cfg.rt.user);
     // Root stays in the root directory; a user goes back to where the program was started.
     if (rc == 0 && geteuid() != 0) rc = goto_runtime_home(cwd, nullptr);
     return rc;

@@ -62,6 +62,22 @@ def test_a_daemon_detaches_and_ends_on_a_signal_leaving_nothing(daemon):
 
 
 @root_only
+def test_records_of_a_daemon_without_an_alert_log_reach_neither_its_files_nor_its_ring(kvt):
+    pid_file = kvt.folder / "kvt.pid"
+    kvt.start("-i", f"udp://127.0.0.1:{free_port()}", "-S", "chan1", "-l", kvt.log, "-p", pid_file, use_config=False)
+    assert kvt.process.wait(20) == 0
+    kvt.pid = wait_until(lambda: read_pid(pid_file), "the pid file")
+    try:
+        kvt.wait_reading()
+        assert [os.readlink(f"/proc/{kvt.pid}/fd/{fd}") for fd in (0, 1)] == ["/dev/null"] * 2
+        kvt.send(signal.SIGTERM)
+        wait_until(lambda: gone(kvt.pid), "the daemon to end")
+    finally:
+        if not gone(kvt.pid):
+            os.kill(kvt.pid, signal.SIGKILL)
+
+
+@root_only
 def test_a_daemon_gives_up_root(daemon, tmp_path):
     for folder in [tmp_path, *tmp_path.parents]:
         if folder.stat().st_mode & 0o005 != 0o005 and folder != Path("/"):

@@ -108,6 +108,27 @@ TEST(daemon, a_log_on_a_standard_stream_goes_on_at_stderr)
     EXPECT_EQ(0, status);
 }
 
+TEST(daemon, buffered_output_goes_out_once_and_never_into_a_later_file)
+{
+    piped_log log;
+    const temp_dir dir;
+    const std::string out = dir.path("out"), later = dir.path("later");
+    int status = -1;
+    const std::string report = prk::text_from_descendant(
+        [&] {
+            if (!freopen(out.c_str(), "w", stdout)) return std::string("no output");
+            printf("said before\n"); // stays in the buffer of a file
+            if (daemonize() != 0) return std::string("no daemon");
+            const int fds[] = {open("/dev/null", O_RDONLY), open(later.c_str(), O_WRONLY | O_CREAT, 0600)};
+            fflush(stdout);
+            return std::to_string(fds[0]) + std::to_string(fds[1]);
+        },
+        &status);
+    EXPECT_EQ("01", report);
+    EXPECT_EQ("said before\n", prk::content_of(out));
+    EXPECT_EQ("", prk::content_of(later));
+}
+
 TEST(daemon, a_process_that_cannot_fork_stays_what_it_is)
 {
     piped_log log;
