@@ -7,6 +7,7 @@
 // Results: the count moved; 0 when nothing moved (end of data, or `count` 0); the negative result of the failed
 // call. After an interruption that ended the function `errno` is 0, otherwise it is the failed call's.
 // The checked calls log; with flags 0 they keep quiet about EAGAIN, EPIPE, EINTR and ECONNRESET.
+// The calls are measured by the sensors PRF_DATAIN and PRF_DATAOUT (psensor.h).
 // One thread; reads `g_quit`, which a signal handler sets.
 #ifndef FDIO_H
 #define FDIO_H

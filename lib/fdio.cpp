@@ -3,6 +3,7 @@
 #include "fdio.h"
 
 #include "log.h"
+#include "psensor.h"
 #include "syswrap.h"
 #include "util.h"
 
@@ -28,7 +29,9 @@ ssize_t nwrite(int fd, const char* buf, size_t count, uint32_t flags)
 {
     ssize_t rc = 0;
     while (count != 0) {
+        psensor_start(PRF_DATAOUT);
         rc = W_write_f(__func__, fd, buf, count, flags & FDIO_VERBOSE);
+        psensor_stop(PRF_DATAOUT);
         if (rc > 0 || !try_again()) break;
     }
     return rc;
@@ -38,7 +41,9 @@ ssize_t nread(int fd, char* buf, size_t count, uint32_t flags)
 {
     ssize_t rc = 0;
     while (count != 0) {
+        psensor_start(PRF_DATAIN);
         rc = W_read_f(__func__, fd, buf, count, flags & FDIO_VERBOSE);
+        psensor_stop(PRF_DATAIN);
         if (rc >= 0 || !try_again()) break;
     }
     return rc;
@@ -48,7 +53,9 @@ ssize_t npread(int fd, char* buf, size_t count, off_t offset, uint32_t flags)
 {
     ssize_t rc = 0;
     while (count != 0) {
+        psensor_start(PRF_DATAIN);
         rc = W_pread_f(__func__, fd, buf, count, offset, flags & FDIO_VERBOSE);
+        psensor_stop(PRF_DATAIN);
         if (rc >= 0 || !try_again()) break;
     }
     return rc;
