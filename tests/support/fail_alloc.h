@@ -3,7 +3,7 @@
 //     fail_alloc::at(2);                              // the second allocation from here fails, and only that one
 //     EXPECT_EQ(nkht_create(&h, 10, nullptr), ENOMEM);
 //
-// The program must be linked with the options of kvt_fail_alloc (tests/unit/CMakeLists.txt), and include this in
+// The program must be linked with the options that go with it (tests/unit/CMakeLists.txt), and include this in
 // exactly one source.
 #ifndef TESTS_SUPPORT_FAIL_ALLOC_H
 #define TESTS_SUPPORT_FAIL_ALLOC_H

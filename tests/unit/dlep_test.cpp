@@ -34,9 +34,13 @@ void print_key(FILE* out, const void* d)
     fprintf(out, "%d", static_cast<const Rec*>(d)->key);
 }
 
+using Keys = std::vector<int>;
+
+Keys g_freed; // by note(), since the last list was made
+
 // A list with records of its own.
 struct List {
-    List() : lh(dlep_create(nullptr)) {}
+    List() : lh(dlep_create(nullptr)) { g_freed.clear(); }
     ~List() { dlep_destroy(lh, nullptr); }
     List(const List&) = delete;
     List& operator=(const List&) = delete;
@@ -68,10 +72,6 @@ std::vector<int> keys(dlep_t lh)
     EXPECT_TRUE(dlep_validate(lh));
     return down;
 }
-
-using Keys = std::vector<int>;
-
-Keys g_freed;
 
 void note(void* d)
 {
@@ -189,7 +189,8 @@ TEST(dlep_purge1, hands_the_pointer_on)
     for (const int key : {1, 2, 3})
         l.append(key);
     int sum = 0;
-    dlep_purge1(l.lh, [](void* d, void* aux) { *static_cast<int*>(aux) += static_cast<Rec*>(d)->key; }, &sum);
+    dlep_purge1(
+        l.lh, [](void* d, void* aux) { *static_cast<int*>(aux) += static_cast<Rec*>(d)->key; }, &sum);
     EXPECT_EQ(sum, 6);
     EXPECT_EQ(keys(l.lh), Keys{});
     l.append(1);
@@ -199,6 +200,7 @@ TEST(dlep_purge1, hands_the_pointer_on)
 
 TEST(dlep_destroy, frees_records_and_list)
 {
+    g_freed.clear();
     const dlep_t lh = dlep_create(nullptr);
     for (const int key : {1, 2})
         dlep_append(lh, new Rec{{0, nullptr, nullptr, {}}, key});

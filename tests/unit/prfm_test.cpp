@@ -45,9 +45,9 @@ struct rusage usage(struct timeval user, struct timeval sys, long first, long st
     ru.ru_utime = user;
     ru.ru_stime = sys;
     long n = first;
-    for (long* counter : {&ru.ru_maxrss, &ru.ru_ixrss, &ru.ru_idrss, &ru.ru_isrss, &ru.ru_minflt, &ru.ru_majflt,
-                          &ru.ru_nswap, &ru.ru_inblock, &ru.ru_oublock, &ru.ru_msgsnd, &ru.ru_msgrcv,
-                          &ru.ru_nsignals, &ru.ru_nvcsw, &ru.ru_nivcsw}) {
+    for (long* counter :
+         {&ru.ru_maxrss, &ru.ru_ixrss, &ru.ru_idrss, &ru.ru_isrss, &ru.ru_minflt, &ru.ru_majflt, &ru.ru_nswap,
+          &ru.ru_inblock, &ru.ru_oublock, &ru.ru_msgsnd, &ru.ru_msgrcv, &ru.ru_nsignals, &ru.ru_nvcsw, &ru.ru_nivcsw}) {
         *counter = n;
         n += step;
     }
@@ -143,9 +143,8 @@ TEST_F(PrfmTest, adds_up_time_between_start_and_stop)
 
 TEST_F(PrfmTest, carries_nanoseconds_into_a_second)
 {
-    for (const auto& [nsec, sec, rest] : {std::tuple<long, long, long>{99999999, 0, 999999999},
-                                          {100000000, 1, 0},
-                                          {200000000, 1, 100000000}}) {
+    for (const auto& [nsec, sec, rest] :
+         {std::tuple<long, long, long>{99999999, 0, 999999999}, {100000000, 1, 0}, {200000000, 1, 100000000}}) {
         struct prfm r;
         prfm_xinit(&r, PRFM_TIME, RUSAGE_SELF);
         r.accum.tm.tv_nsec = 900000000;
@@ -188,7 +187,7 @@ TEST_F(PrfmTest, aborts_where_the_clock_cannot_be_read)
 
 TEST_F(PrfmTest, adds_up_usage_between_start_and_stop)
 {
-    struct prfm r;
+    struct prfm r = {};
     prfm_xinit(&r, PRFM_USAGE, RUSAGE_SELF);
     use(usage({10, 900000}, {20, 100}, 100, 10));
     prfm_start(&r);

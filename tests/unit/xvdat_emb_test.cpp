@@ -18,10 +18,15 @@ namespace
 constexpr size_t BLK = sizeof(int);
 constexpr size_t HEAD = sizeof(emblst);
 
+using Indexes = std::vector<size_t>;
+
+Indexes g_seen; // by the visits since the last list was made
+
 // A buffer on a long's boundary, with a list of so many slots in it.
 struct Buffer {
     explicit Buffer(size_t slots) : words((HEAD + slots * (BLK + 1)) / sizeof(long) + 1, 0x5555555555555555)
     {
+        g_seen.clear();
         el = emblst_create(words.data(), HEAD + slots * (BLK + 1), BLK);
     }
     int* at(size_t i) { return static_cast<int*>(static_cast<void*>(el->data)) + i; }
@@ -37,9 +42,6 @@ struct Buffer {
     std::vector<long> words;
     emblst* el;
 };
-
-using Indexes = std::vector<size_t>;
-Indexes g_seen;
 
 int see(void*, size_t i)
 {

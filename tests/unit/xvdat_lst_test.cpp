@@ -21,8 +21,17 @@ namespace
 constexpr size_t BLK = sizeof(int);
 constexpr size_t STEP = 4;
 
+using Indexes = std::vector<size_t>;
+
+Indexes g_seen; // by the visits since the last list was made
+
 struct List : xvlst {
-    List() : xvlst{} {}
+    List() : xvlst{}
+    {
+        g_seen.clear();
+        fail_alloc::at(0);
+        xvdat_flags = 0;
+    }
     ~List() { xvlst_reset(this); }
     List(const List&) = delete;
     List& operator=(const List&) = delete;
@@ -42,10 +51,6 @@ struct List : xvlst {
     }
     int del(size_t i) { return xvlst_del(this, i, nullptr); }
 };
-
-using Indexes = std::vector<size_t>;
-
-Indexes g_seen;
 
 int see(void*, size_t i)
 {
@@ -203,8 +208,8 @@ TEST(xvlst_add, asserts_a_sound_list)
     l.fill(3);
     l.avail = 4;
     EXPECT_DEATH(l.add(), asserts("(0 == l->max_len) || (l->avail < (ssize_t)l->max_len)"));
-    ASSERT_EQ(xvlst_reserve(&l, 8, BLK, STEP), 0);
     l.avail = 3;
+    ASSERT_EQ(xvlst_reserve(&l, 8, BLK, STEP), 0);
     l.taken[4] = 1; // above the highest ever taken
     EXPECT_DEATH(l.add(), asserts("0 == l->taken[l->avail]"));
     l.taken[4] = 0;
@@ -643,8 +648,8 @@ TEST(xvlst_rmif, stops_where_a_slot_cannot_be_freed)
     EXPECT_EQ(xvlst_rmif(&l, &l, steal, &pos), -1);
     EXPECT_EQ(pos, 3u);
     EXPECT_EQ(visited(&l), (Indexes{0, 4, 5}));
-    EXPECT_EQ(xvlst_rmif(&l, &l, [](void*, size_t i, void* aux) { return 1 + static_cast<List*>(aux)->del(i); },
-                         nullptr),
+    EXPECT_EQ(xvlst_rmif(
+                  &l, &l, [](void*, size_t i, void* aux) { return 1 + static_cast<List*>(aux)->del(i); }, nullptr),
               -1);
 }
 
@@ -735,8 +740,8 @@ TEST(xvlst_dump, tells_the_record_and_the_taken_slots)
     for (const size_t i : {3u, 5u, 6u})
         ASSERT_EQ(l.del(i), 0);
     char expected[128];
-    snprintf(expected, sizeof(expected),
-             "list %p, valid: 5 of 8 slots taken, last 7, next free 3\n  taken: 0-2 4 7\n", l.data);
+    snprintf(expected, sizeof(expected), "list %p, valid: 5 of 8 slots taken, last 7, next free 3\n  taken: 0-2 4 7\n",
+             l.data);
     EXPECT_EQ(printed([&](FILE* fp) { xvlst_dump(&l, fp); }), expected);
     l.avail = 4;
     EXPECT_NE(printed([&](FILE* fp) { xvlst_dump(&l, fp); }).find("INVALID"), std::string::npos);

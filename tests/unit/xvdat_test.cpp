@@ -26,8 +26,15 @@ namespace
 constexpr size_t BLK = sizeof(int);
 constexpr size_t STEP = 16;
 
+std::vector<int> g_seen; // by the visits since the last vector was made
+
 struct Vec : xvec {
-    Vec() : xvec{} {}
+    Vec() : xvec{}
+    {
+        g_seen.clear();
+        fail_alloc::at(0);
+        xvdat_flags = 0;
+    }
     ~Vec() { xvec_reset(this); }
     Vec(const Vec&) = delete;
     Vec& operator=(const Vec&) = delete;
@@ -46,8 +53,6 @@ struct Vec : xvec {
             push(i * 10);
     }
 };
-
-std::vector<int> g_seen;
 
 int see(void* data, size_t i)
 {
@@ -507,11 +512,12 @@ TEST(xvec, agrees_with_a_standard_vector_over_thousands_of_steps)
             case 3: { // look for a value
                 int want = static_cast<int>(rnd() % 1000);
                 size_t pos = SIZE_MAX;
-                (void)xvec_find(&v, &want,
-                                [](void* data, size_t i, void* what) {
-                                    return static_cast<int>(static_cast<int*>(data)[i] == *static_cast<int*>(what));
-                                },
-                                &pos);
+                (void)xvec_find(
+                    &v, &want,
+                    [](void* data, size_t i, void* what) {
+                        return static_cast<int>(static_cast<int*>(data)[i] == *static_cast<int*>(what));
+                    },
+                    &pos);
                 const auto it = std::find(model.begin(), model.end(), want);
                 ASSERT_EQ(pos, it == model.end() ? SIZE_MAX : static_cast<size_t>(it - model.begin()));
                 break;
