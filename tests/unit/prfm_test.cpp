@@ -300,7 +300,7 @@ TEST_F(PrfmTest, dumps_what_its_flags_select)
                                    "==\n";
     EXPECT_EQ(printed([&](FILE* fp) { prfm_dump(fp, &r, "work %s\n", "done"); }), "work done\n" + time + usage_text);
     const char* no_format = nullptr;
-    EXPECT_EQ(printed([&](FILE* fp) { prfm_dump(fp, &r, no_format); }), time + usage_text);
+    EXPECT_EQ(printed([&](FILE* fp) { prfm_dump(fp, &r, no_format, 0); }), time + usage_text);
     r.flags = PRFM_TIME;
     EXPECT_EQ(printed([&](FILE* fp) { prfm_dump(fp, &r, "x"); }), "x" + time);
     r.flags = PRFM_USAGE;
