@@ -81,7 +81,7 @@ int reuse_and_bind(int fd, const struct sockaddr* addr, socklen_t len);
 
 // True for a whole number in base 10; by design a sign or white space ahead of it passes.
 bool is_decimal(const char* text);
-// True when the last colon has digits behind it and nothing else. By design `2001:db8::1` counts.
+// True when the last colon has digits behind it and nothing else. By design: `2001:db8::1` counts.
 bool ends_with_port(const char* text);
 // True for null, an empty text, "any" and "all" in any case.
 bool is_anyaddr(const char* text);
@@ -127,7 +127,7 @@ struct ifc_info* get_ifc_info(int family, const char* tag);
 // Aborts for a family that is not IP.
 struct ifc_info* any_ifc_info(int family);
 // Index of the interface that a tag names, 0 if none. For a numeric address `ss` (may be null) takes it; for a name
-// it is left alone. By design a failure to list the interfaces gives its errno, which looks like an index.
+// it is left alone. By design: a failure to list the interfaces gives its errno, which looks like an index.
 // Requires: tag not null (assertion).
 unsigned ifaddr_index(const char* tag, struct sockaddr_storage* ss);
 // First address of a family on an interface; for IPv6 preferably one that is no local group. 0; -1 with an error
@@ -164,7 +164,7 @@ char* get_peer_ipaddr(int fd, char* buf, size_t size);
 
 // ---- listeners ------------------------------------------------------------------------------------------------
 
-// Non-blocking listeners; -1 after an error line. The port goes into the storage. By design a port outside 1 to 65535
+// Non-blocking listeners; -1 after an error line. The port goes into the storage. By design: a port outside 1 to 65535
 // is complained about and used as it comes.
 // Requires: ss holds an address; port not null for a TCP listener.
 int open_listener(struct sockaddr_storage* ss, const char* port, int defer_listen);
@@ -178,7 +178,7 @@ int open_domain_client(const char* path, long max_attempts, long pause_ms);
 
 // ---- multicast ------------------------------------------------------------------------------------------------
 
-// Chooses the protocol-specific membership options for the rest of the process's life. By design flag 0 changes
+// Chooses the protocol-specific membership options for the rest of the process's life. By design: flag 0 changes
 // nothing. Call it before sockets are opened.
 void set_legacy_mcast_api(int flag);
 
@@ -197,13 +197,13 @@ int setup_mcast_writer(int fd, struct addrinfo* ai, struct ifc_info* ifc);
 // Requires: ifc not null with the protocol-specific options and an IPv4 group (assertion).
 int mcast_join(int fd, const struct sockaddr_storage* group, struct ifc_info* ifc);
 int mcast_leave(int fd, const struct sockaddr_storage* group, struct ifc_info* ifc);
-// Join a group for one sender. By design ssm_leave joins too: the plain leave or the close ends the membership.
+// Join a group for one sender. By design: ssm_leave joins too: the plain leave or the close ends the membership.
 // Requires: source and group of one family (assertion).
 int ssm_join(int fd, const struct sockaddr_storage* src, const struct sockaddr_storage* group, struct ifc_info* ifc);
 int ssm_leave(int fd, const struct sockaddr_storage* src, const struct sockaddr_storage* group, struct ifc_info* ifc);
 
-// The operations behind them. `caller` names the operation in log lines; `ifaddr` is filled where it has no family
-// yet and the option needs one.
+// The operations behind them. `caller` names the operation in log lines; `ifname` may be null. `ifaddr` is filled where
+// it has no family yet and the option needs one, and may be null where it needs none.
 int mcast_group_op(const char* caller, const char* ifname, unsigned ifidx, const struct sockaddr_storage* group,
                    struct sockaddr_storage* ifaddr, int join, int fd);
 int ssm_group_op(const char* caller, const char* ifname, unsigned ifidx, const struct sockaddr_storage* group,
@@ -213,8 +213,9 @@ int ssm_proto_op(const char* caller, const char* ifname, unsigned ifidx, const s
 int ssm_generic_op(const char* caller, const char* ifname, unsigned ifidx, const struct sockaddr_storage* group,
                    const struct sockaddr_storage* src, int join, int fd);
 
-// Gives an IPv6 address without a scope ID that of an interface, looking up the interface's address where it has
-// none yet. Says what it did at error level, so that any log shows it. Does nothing for other families.
+// Gives an IPv6 address without a scope ID that of an interface, looking up the interface's address by name where
+// `ifaddr` (may be null) holds none yet; a null name is an error then. Says what it did at error level, so that any log
+// shows it. Does nothing for other families.
 void sync_ipv6addr_scope_id(struct sockaddr* sa, const char* ifname, struct sockaddr_storage* ifaddr);
 // Chooses the interface for IPv6 groups. 0; -1 with an error line for index 0; else errno.
 int set_ipv6_sock_ifc(int fd, unsigned ifidx);

@@ -185,7 +185,7 @@ int mk_sockaddr(const char* text, int socktype, int proto, struct sockaddr_stora
         tv_log(ll::error, "%s: invalid address/port: %s\n", __func__, text);
         return EINVAL;
     }
-    // By design the length test keeps short IPv6 addresses and short host names out as well.
+    // By design: the length test keeps short IPv6 addresses and short host names out as well.
     if (is_decimal(addr) || strlen(addr) < MIN_ADDR_LEN) {
         tv_log(ll::error, "%s: cannot accept plain number [%s] as IP address\n", __func__, addr);
         return EINVAL;
@@ -267,7 +267,7 @@ int reuse_and_bind(int fd, const struct sockaddr* addr, socklen_t len)
 {
     const int on = 1;
     if (W_setsockopt(__func__, fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) return errno;
-    // By design nobody looks at the result: not every kernel and family has it.
+    // By design: nobody looks at the result: not every kernel and family has it.
     (void)setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));
     if (W_bind(__func__, fd, addr, len) != 0) return errno;
 

@@ -141,7 +141,7 @@ int name2af(const char* name)
     for (const family_word& w : FAMILY_WORDS) {
         if (strcasecmp(name, w.word) == 0) return w.family;
     }
-    // By design only "all" is refused, and any other unknown word stands for no family in particular.
+    // By design: only "all" is refused, and any other unknown word stands for no family in particular.
     if (strcasecmp(name, "all") == 0) {
         tv_log(ll::error, "%s: unsupported address family [%s] in configuration.", __func__, name);
         return -1;
@@ -189,7 +189,7 @@ bool saddr_equal(const struct sockaddr* a, const struct sockaddr* b)
 
 void cpy_sockaddr(const struct sockaddr* src, struct sockaddr* dst, size_t cap)
 {
-    const size_t len = saddr_size(src);
+    const socklen_t len = saddr_len(src);
     assert(len > 0 && len <= cap);
     memcpy(dst, src, len);
 }

@@ -103,7 +103,7 @@ unsigned ifaddr_index(const char* tag, struct sockaddr_storage* ss)
     if (!numeric_addr(__func__, tag, ss)) return 0;
 
     ifaddrs_ptr list;
-    // By design the error number goes back as if it were an index.
+    // By design: the error number goes back as if it were an index.
     if (const int err = list_interfaces(__func__, tag, AF_UNSPEC, &list)) return static_cast<unsigned>(err);
 
     for (const struct ifaddrs* entry = list.get(); entry; entry = entry->ifa_next) {

@@ -28,7 +28,7 @@ constexpr int MAX_PORT = 65535;
 constexpr long MS_PER_SEC = 1000;
 constexpr long NS_PER_MS = 1000000;
 
-// Puts the port of a text into the storage. By design a port that is none is complained about and used.
+// Puts the port of a text into the storage. By design: a port that is none is complained about and used.
 void store_port(const char* caller, struct sockaddr_storage* ss, const char* port)
 {
     const int num = atoi(port);

@@ -27,6 +27,7 @@ static_assert(sizeof(struct group_req) == 136 && sizeof(struct group_source_req)
 static_assert(sizeof(struct ip_mreq) == 8 && sizeof(struct ip_mreq_source) == 12 && sizeof(struct ipv6_mreq) == 20);
 
 constexpr size_t GROUP_TEXT_SIZE = 80;
+constexpr const char* NO_NAME = "<none>"; // stands in a line for an interface name that is null
 
 // An interface record unfolded; null stands for no interface in particular.
 struct ifc_parts {
@@ -103,15 +104,15 @@ int group_op_ipv6(const char* caller, unsigned ifidx, const struct sockaddr_stor
 
 void log_ssm_failure(const char* caller, const char* op, const char* ifname, unsigned ifidx, int join, int fd, int err)
 {
-    tv_log(ll::error, "%s: (%s) %s ifc=%s/%u fd%d: %s\n", caller, op, join ? "SSM_JOIN" : "SSM_LEAVE", ifname, ifidx,
-           fd, strerror(err));
+    tv_log(ll::error, "%s: (%s) %s ifc=%s/%u fd%d: %s\n", caller, op, join ? "SSM_JOIN" : "SSM_LEAVE",
+           ifname ? ifname : NO_NAME, ifidx, fd, strerror(err));
 }
 
 } // namespace
 
 void set_legacy_mcast_api(int flag)
 {
-    // By design there is no way back. A signed bit holds 0 and -1.
+    // By design: there is no way back. A signed bit holds 0 and -1.
     if (flag) g_opt.use_legacy_mcast_api = -1;
 }
 
@@ -122,7 +123,7 @@ int set_mcast_ttl(int family, int fd, int ttl)
     const int rc = ipv4 ? W_setsockopt(__func__, fd, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof(ttl))
                         : W_setsockopt(__func__, fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &ttl, sizeof(ttl));
     const int err = rc == 0 ? 0 : errno;
-    // By design the outcome is told at error level even where it is OK.
+    // By design: the outcome is told at error level even where it is OK.
     tv_log(ll::error, "%s: %s mcast fd=%d, op=%s: %s\n", __func__, ipv4 ? "IP" : "IPv6", fd,
            ipv4 ? "MULTICAST_TTL" : "MULTICAST_HOPS", err == 0 ? "OK" : strerror(err));
     return err;
@@ -180,7 +181,7 @@ int ssm_join(int fd, const struct sockaddr_storage* src, const struct sockaddr_s
 int ssm_leave(int fd, const struct sockaddr_storage* src, const struct sockaddr_storage* group, struct ifc_info* ifc)
 {
     const ifc_parts p = unfold(ifc);
-    // By design this joins: the flag is that of ssm_join.
+    // By design: this joins: the flag is that of ssm_join.
     return ssm_group_op(__func__, p.name, p.idx, group, src, p.ss, 1, fd);
 }
 
@@ -189,7 +190,7 @@ int mcast_group_op(const char* caller, const char* ifname, unsigned ifidx, const
 {
     const bool generic = !g_opt.use_legacy_mcast_api;
     const char* op = join ? "MCAST_JOIN" : "MCAST_LEAVE";
-    tv_log(ll::debug, "%s: ifc-name=%s, idx=%u ifc=%p\n", __func__, ifname ? ifname : "<none>", ifidx,
+    tv_log(ll::debug, "%s: ifc-name=%s, idx=%u ifc=%p\n", __func__, ifname ? ifname : NO_NAME, ifidx,
            static_cast<void*>(ifaddr));
     if (log_gate_open(&g_llctx, ll::info)) {
         char text[GROUP_TEXT_SIZE];
@@ -265,6 +266,8 @@ void sync_ipv6addr_scope_id(struct sockaddr* sa, const char* ifname, struct sock
     struct sockaddr_in6 in6 = {};
     memcpy(&in6, sa, sizeof(in6));
 
+    struct sockaddr_storage own = {};
+    if (!ifaddr) ifaddr = &own;
     uint32_t found = 0;
     if (in6.sin6_scope_id == 0) {
         bool known = ifaddr->ss_family != AF_UNSPEC;
@@ -278,7 +281,7 @@ void sync_ipv6addr_scope_id(struct sockaddr* sa, const char* ifname, struct sock
         }
         if (known && ifaddr->ss_family == AF_INET6) found = as_in6(ifaddr).sin6_scope_id;
     }
-    // By design both lines are errors, so that they stand in the log of any run.
+    // By design: both lines are errors, so that they stand in the log of any run.
     if (found != 0) {
         in6.sin6_scope_id = found;
         memcpy(sa, &in6, sizeof(in6));

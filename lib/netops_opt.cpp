@@ -57,7 +57,7 @@ int is_non_blocking(int fd)
 
 int set_nblock(int fd, int flag)
 {
-    // By design flags that can't be read are all set, and a flag other than 1 asks for a blocking descriptor.
+    // By design: flags that can't be read are all set, and a flag other than 1 asks for a blocking descriptor.
     const int flags = get_socket_flags(fd);
     const bool wanted = flag == 1;
     if (((flags & O_NONBLOCK) != 0) == wanted) return 0;
@@ -89,7 +89,7 @@ void set_ipv6only(int fd, int flag)
         const int err = errno;
         tv_log(ll::error, "%s: setsockopt IPV6_V6ONLY: %s\n", __func__, strerror(err));
     }
-    // By design the text goes with this condition, though the change opens the listener to IPv4.
+    // By design: the text goes with this condition, though the change opens the listener to IPv4.
     if (flag == 0 && now != 0) tv_log(ll::warning, "%s: server will not accept IPv4 requests\n", __func__);
 }
 

@@ -183,7 +183,9 @@ TEST(cpy_sockaddr_DeathTest, stops_on_a_small_destination_and_on_another_family)
     sockaddr_storage to = {};
     cpy_sockaddr(sa(v4), sa(to), 16);
     EXPECT_DEATH(cpy_sockaddr(sa(v4), sa(to), 15), "Assertion");
+    LogCapture log;
     EXPECT_DEATH(cpy_sockaddr(sa(odd), sa(to), sizeof(to)), "Assertion");
+    EXPECT_EQ(log.messages(ll::error), (Lines{"saddr_len: unrecognized socket family: 17"}));
 }
 
 TEST(cpy_anyaddr, stores_family_and_any_address)

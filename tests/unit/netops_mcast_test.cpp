@@ -320,6 +320,14 @@ TEST_F(mcast, source_group_can_be_left_by_the_operation_itself)
     EXPECT_EQ(ssm_generic_op("test", "lo", lo, &group, &src, 0, fd.get()), 0);
 }
 
+TEST_F(mcast, source_operation_names_no_interface_for_a_null_name)
+{
+    auto group = addr(GROUP), src = addr("127.0.0.2");
+    LogCapture log;
+    EXPECT_EQ(ssm_generic_op("test", nullptr, 0, &group, &src, 1, -1), -1);
+    EXPECT_EQ(log.messages(ll::error).back(), "test: (ssm_generic_op) SSM_JOIN ifc=<none>/0 fd-1: Bad file descriptor");
+}
+
 TEST_F(mcast, source_join_of_an_ipv6_group_works_with_the_generic_option)
 {
     if (!has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
@@ -530,6 +538,20 @@ TEST_F(mcast, scope_needs_a_name_or_an_address)
     sync_ipv6addr_scope_id(sa(group), "no-such-ifc", &ifaddr);
     EXPECT_EQ(log.messages(ll::error).back(), "IPv6 address scope ID 0 left unchanged");
     EXPECT_EQ(scope_of(group), 0u);
+}
+
+TEST_F(mcast, scope_is_looked_up_by_name_where_no_address_is_given)
+{
+    auto group = addr(LINK_GROUP6);
+    LogCapture log;
+    sync_ipv6addr_scope_id(sa(group), nullptr, nullptr);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"sync_ipv6addr_scope_id: cannot set scope id, interface or link-specific "
+                                              "address must be selected"}));
+    if (!has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
+    log.clear();
+    sync_ipv6addr_scope_id(sa(group), "lo", nullptr);
+    EXPECT_EQ(scope_of(group), lo);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"updated IPv6 address scope ID to " + std::to_string(lo)}));
 }
 
 TEST_F(mcast, scope_is_no_matter_of_ipv4)
