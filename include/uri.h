@@ -82,8 +82,9 @@ int uri_extract(const char* uri, char* scheme, char* authority, char* path, char
 // Splits the path of a network URL into address and port and returns its tail. `len` bounds the split: a segment
 // that runs on behind path + len is refused. An address in square brackets loses them. A destination may be null,
 // and is not written where its segment is empty or the split fails before it.
-// Null when nothing but blanks and slashes is there, a bracket stays open, or a segment does not fit.
-// By design the tail of a bracketed address without a port begins with the closing bracket.
+// Null when blanks and slashes take up all of len, a bracket stays open, or a segment does not fit. A text that ends
+// ahead of path + len may have an empty address and an empty tail.
+// By design: the tail of a bracketed address without a port begins with the closing bracket.
 // Requires: path zero-terminated, or readable up to and including path[len].
 const char* path_parse(const char* path, size_t len, char* addr, size_t addr_size, char* port, size_t port_size);
 

@@ -50,7 +50,7 @@ int send_http_request(int fd, const struct http_request* rq);
 
 // Offset behind the end of a reply head, or 0 when it is not there yet. A head ends with two newlines in a row or a
 // doubled return-newline pair; the result equals `len` for a head without a tail.
-// By design a return with fewer than three bytes behind it gives 0, whatever they are.
+// By design: a return with fewer than three bytes behind it gives 0, whatever they are.
 // Requires: buf readable for len bytes.
 ssize_t head_eod(const char* buf, size_t len);
 

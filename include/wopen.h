@@ -81,20 +81,21 @@ void usock_set_apptag(const char* apptag);
 // `timeout_ms` say, and an HTTP source is asked and its reply head read, so that the next read gives body bytes
 // behind the first `buflen`, which stand in `buf`. Stream kinds set `buflen` to 0 first and allocate `buf` if it is
 // null. With `non_blocking` a connect may still be under way (`sspec.async_connect`).
-// -1 after a failure that has been logged. For a bad URL only `url_kind` has changed. By design a failed HTTP
+// -1 after a failure that has been logged. For a bad URL only `url_kind` has changed. By design: a failed HTTP
 // exchange leaves the descriptor open and the context as it stands; other failures have been through usock_close.
 // Requires: url and uc not null; uc->url_path null (assertion).
 int usock_open(const char* url, struct usock_ctx* uc);
 
 // Leaves the multicast group, frees what the context owns, forgets `buf` with `buflen` 0, and closes the descriptor.
-// A negative descriptor and a null context are fine. `bufcap`, `url_kind` and `sspec` keep their values.
+// A negative descriptor and a null context are fine. `bufcap`, `url_kind` and `sspec` keep their values: whoever opens
+// another URL in the same context zeroes `sspec` first, since a family and `multicast` that are set there count.
 void usock_close(int fd, struct usock_ctx* uc);
 
 // ---- HTTP exchange bound to a URL -----------------------------------------------------------------------------
 
 // Sends the GET for a URL with `tag` as the user agent. 0, or -1 after a message. A query that makes the request
 // longer than 127 characters is cut, with a warning. The URL's authority plays no part; a port goes into `Host` only
-// where the URL gives one. By design a bracketed address without a port leaves its closing bracket in the request.
+// where the URL gives one. By design: a bracketed address without a port leaves its closing bracket in the request.
 // Requires: url and tag not null.
 int fwd_http_rq(int fd, const char* url, const char* tag, uint32_t flags);
 
@@ -103,12 +104,12 @@ int usock_http_get(int fd, const char* url, uint32_t flags);
 
 // Reads a reply head into a caller's buffer. 0 for a status of 200 to 299; 11 when more is to come; 13 (EACCES) for
 // another status; 7 (E2BIG) when the buffer is full; else -1.
-// By design a second call after 11 writes twice as far in: it serves one call a reply.
+// By design: a second call after 11 writes twice as far in: it serves one call a reply.
 // Requires: resp->buf not null, resp->len not 0 (assertion).
 int usock_http_get_response(int fd, struct http_resp_buf* resp);
 
 // Reads a body to its end: 0, 11 when more is to come, an errno value, or -1.
-// By design what is left to read is data_len less buf_size, in that order, so that only a buffer that is exactly
+// By design: what is left to read is data_len less buf_size, in that order, so that only a buffer that is exactly
 // full passes; any other stops on an assertion unless the read fails first.
 // Requires: data writable for 2 * data_len - buf_size bytes.
 int usock_http_get_body(int fd, struct http_body_buf* body);

@@ -123,7 +123,7 @@ int uri_parse(const char* uri, struct uri_layout* layout)
     while (is_blank(*uri))
         ++uri;
 
-    // By design a text that begins with a slash loses it, and has no scheme.
+    // By design: a text that begins with a slash loses it, and has no scheme.
     const char* rest = *uri == '/' ? uri + 1 : take_front(uri, &lo);
     if (!rest) return -1;
 
@@ -192,7 +192,7 @@ const char* path_parse(const char* path, size_t len, char* addr, size_t addr_siz
     }
     if (!copy_run(host, static_cast<size_t>(host_end - host), addr, addr_size)) return nullptr;
     if (has_port && !copy_run(service, static_cast<size_t>(service_end - service), port, port_size)) return nullptr;
-    // By design the tail of a bracketed address without a port begins with the bracket: `[::1]/a` leaves `]/a`.
+    // By design: the tail of a bracketed address without a port begins with the bracket: `[::1]/a` leaves `]/a`.
     return has_port ? service_end : host_end;
 }
 

@@ -42,9 +42,16 @@ enum class exit_road {
     early,  // straight out with -1: the context and the descriptor stay as they are
 };
 
-bool is_dgram(int kind)
+// Socket type of a network kind, -1 for any other.
+int socktype_of(int kind)
 {
-    return kind == URI_UDP || kind == URI_RTP;
+    switch (kind) {
+    case URI_UDP:
+    case URI_RTP: return SOCK_DGRAM;
+    case URI_TCP:
+    case URI_HTTP: return SOCK_STREAM;
+    default: return -1;
+    }
 }
 
 // A stream source needs room for the bytes that come with a reply head. 0, or -1.
@@ -70,7 +77,7 @@ int apply_timeout(int fd, const struct usock_ctx* uc)
 // Opens the socket of a network URL. 0 with *fd set, or -1.
 int open_network_socket(struct usock_ctx* uc, const url_parts* url, int* fd)
 {
-    const bool with_source = is_dgram(uc->url_kind) && !uc->sspec.writer && url->authority[0] != '\0';
+    const bool with_source = uc->sspec.socktype == SOCK_DGRAM && !uc->sspec.writer && url->authority[0] != '\0';
     if (with_source) tv_log(ll::debug, "%s: SSM source=[%s]\n", OPEN, url->authority);
 
     *fd = open_socket(url->host, url->port, with_source ? url->authority : nullptr, &uc->sspec, uc->ifc_tag, &uc->mifc);
@@ -97,8 +104,13 @@ exit_road open_network(const char* url, struct usock_ctx* uc, url_parts* parts, 
         }
         uc->sspec.writer = uc->inbound ? 0 : 1;
         uc->sspec.non_blocking = uc->non_blocking ? 1 : 0;
-        uc->sspec.socktype = is_dgram(uc->url_kind) ? SOCK_DGRAM : SOCK_STREAM;
-        if (!is_dgram(uc->url_kind) && provide_buf(uc) != 0) {
+        const int socktype = socktype_of(uc->url_kind);
+        if (socktype == -1) { // a kind that usock_open does not send here
+            tv_log(ll::error, "%s: unsupported URI type: %d\n", OPEN, uc->url_kind);
+            return exit_road::early;
+        }
+        uc->sspec.socktype = socktype;
+        if (socktype == SOCK_STREAM && provide_buf(uc) != 0) {
             *rc = -1;
             return exit_road::normal;
         }
@@ -106,7 +118,7 @@ exit_road open_network(const char* url, struct usock_ctx* uc, url_parts* parts, 
     }
     if (uc->url_kind != URI_HTTP || uc->skip_http) return exit_road::normal;
 
-    // By design the exchange runs whatever came before: on a socket that did not open it fails at once, and a failed
+    // By design: the exchange runs whatever came before: on a socket that did not open it fails at once, and a failed
     // HTTP source always leaves by the early road. A time-out that could not be set is forgiven by its success.
     if (!http_exchange(*fd, url, uc)) return exit_road::early;
     *rc = 0;
@@ -152,7 +164,7 @@ int usock_open(const char* url, struct usock_ctx* uc)
         if (open_network(url, uc, &parts, &rc, &fd) == exit_road::early) return -1;
         break;
     default:
-        // By design the line is left open at its end.
+        // By design: the line is left open at its end.
         tv_log(ll::error, "%s: unsupported type of URI [%s]", __func__, url);
         rc = -1;
     }
@@ -164,7 +176,7 @@ int usock_open(const char* url, struct usock_ctx* uc)
 void usock_close(int fd, struct usock_ctx* uc)
 {
     if (uc) {
-        // By design the plain leave, for a source-specific membership too: the close below ends every membership.
+        // By design: the plain leave, for a source-specific membership too: the close below ends every membership.
         if (fd >= 0 && uc->sspec.multicast && !uc->sspec.writer) {
             (void)mcast_leave(fd, &uc->sspec.addr_ss, uc->mifc);
         }
@@ -229,7 +241,7 @@ int usock_http_get_response(int fd, struct http_resp_buf* resp)
     }
     assert(resp->ctx.total < (ssize_t)resp->len);
 
-    // By design the offset counts twice, here and in the reader: callers count on a single call.
+    // By design: the offset counts twice, here and in the reader: callers count on a single call.
     const size_t done = static_cast<size_t>(resp->ctx.total);
     const int rc = recv_http_response(fd, resp->buf + done, resp->len - done, &resp->ctx);
     if (rc == EAGAIN) {
@@ -255,9 +267,10 @@ int usock_http_get_response(int fd, struct http_resp_buf* resp)
 
 int usock_http_get_body(int fd, struct http_body_buf* body)
 {
-    // By design the count is taken in this order.
+    // By design: the count is taken in this order.
     ssize_t left = static_cast<ssize_t>(body->data_len) - static_cast<ssize_t>(body->buf_size);
     while (left >= 1) {
+        errno = 0; // the end of the data sets none
         const ssize_t nrd = nread(fd, body->data + body->data_len, static_cast<size_t>(left), 0);
         if (nrd < 1) {
             const int err = errno;
