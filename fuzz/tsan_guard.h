@@ -7,6 +7,7 @@
 #include "mpegts.h"
 #include "tavrin/tsanalyze.h"
 
+#include <algorithm>
 #include <array>
 #include <bitset>
 #include <cstring>
@@ -21,9 +22,10 @@ public:
         size_t at = tsf::head_size;
         if (pkt[tsf::control_ofs] & tsf::has_adaptation) at = tsf::af_flags_ofs + pkt[tsf::af_len_ofs];
         if (pkt[tsf::flags_ofs] & tsf::unit_start) ++at;
-        if (at < TS_MIN_PKTSIZE) memcpy(sec.data(), pkt + at, TS_MIN_PKTSIZE - at);
+        const size_t avail = at < TS_MIN_PKTSIZE ? TS_MIN_PKTSIZE - at : 0;
+        memcpy(sec.data(), pkt + TS_MIN_PKTSIZE - avail, avail);
         const uint16_t pid = ts_pid(pkt);
-        if (pid == 0) return bad_pat(sec);
+        if (pid == 0) return bad_pat(sec, avail);
         return m_pmt_pids.test(pid) && pid_at(sec, 8) == 0;
     }
 
@@ -36,9 +38,10 @@ private:
         return (sec[at] & 0x1fU) << 8 | sec[at + 1];
     }
 
-    bool bad_pat(const std::array<uint8_t, room>& sec)
+    bool bad_pat(const std::array<uint8_t, room>& sec, size_t avail)
     {
-        const size_t end = ((sec[1] & 0x0fU) << 8 | sec[2]) + 3U;
+        // A section that runs past its packet ends with it.
+        const size_t end = std::min(((sec[1] & 0x0fU) << 8 | sec[2]) + size_t{3}, avail + crc);
         const size_t sections = sec[7] + 1U;
         const bool alone = sections == 1 && sec[6] == 0;
         size_t count = 0;

@@ -315,7 +315,8 @@ void tsan_dump(FILE* fp, const struct tsan_ctx* tc);
 
 // Takes the section of a PAT packet: the first complete table fills the list of programs, later ones are compared.
 void take_PAT(struct tsan_ctx* tc, std::span<const uint8_t> sec);
-// Takes a section while no program is known. Requires: `pld` is a private copy (psi_private_copy), here and below.
+// Takes a section while no program is known. Requires: `pld` is a private copy (psi_private_copy) of a section that
+// ends with its packet or before, here and below.
 void process_PAT(struct tsan_ctx* tc, uint8_t* pld);
 // Takes a section when programs are known, and compares the table when it is complete. True if the comparison ran
 // and left no trace.

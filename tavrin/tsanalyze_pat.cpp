@@ -30,10 +30,10 @@ constexpr unsigned MAX_SEC_PROGRAMS = 32; // entries of a section that are looke
 constexpr size_t PAT_HEAD_BYTES = PAT_HEADER_SIZE;
 // psi_compare reads three bytes behind the length that a copy keeps; the head is read whole even from a shorter one.
 constexpr size_t DUP_SPARE = PAT_HEADER_SIZE + PSI_HEADER_SIZE;
-// The printer's counters have 8 bits: with more sections or entries than this it would never come to an end.
+// The printer's section counter has 8 bits: with more sections than this it would never come to an end.
 constexpr uint8_t MAX_PRINT_LAST_SECTION = PSI_TABLE_MAX_SECTIONS - 2;
-constexpr uint16_t MAX_PRINT_LENGTH = PSI_MAX_SIZE;
-static_assert((MAX_PRINT_LENGTH - PAT_HEADER_SIZE) / PAT_PROGRAM_SIZE < 256);
+// Neither would its entry counter; but a section has only what fits a packet.
+static_assert((TS_PKT_BYTES - PAT_HEADER_SIZE) / PAT_PROGRAM_SIZE < 256);
 
 // An owned copy of a section, or null without memory. By design it ends three bytes short of the section's end, since
 // nothing is added to the length field for the bytes ahead of it: the last three bytes of the CRC are never compared.
@@ -100,20 +100,14 @@ void m_print(void* opaque, const char* fmt, ...)
     fprintf(static_cast<FILE*>(opaque), "%s\n", line);
 }
 
-// Prints a table whose numbers may be out of the printer's reach: they are brought down for as long as it prints.
+// Prints a table whose last section number may be out of the printer's reach: it is brought down for as long as it
+// prints.
 void print_table(uint8_t** psec, FILE* fp)
 {
-    std::array<uint16_t, PSI_TABLE_MAX_SECTIONS> lengths{};
     const uint8_t last = psi_table_get_lastsection(psec);
-    for (size_t i = 0; i <= last; ++i) {
-        lengths[i] = psi_get_length(psec[i]);
-        if (lengths[i] > MAX_PRINT_LENGTH) psi_set_length(psec[i], MAX_PRINT_LENGTH);
-    }
     if (last > MAX_PRINT_LAST_SECTION) psi_set_lastsection(psec[0], MAX_PRINT_LAST_SECTION);
     pat_table_print(psec, m_print, fp, PRINT_TEXT);
     psi_set_lastsection(psec[0], last);
-    for (size_t i = 0; i <= last; ++i)
-        psi_set_length(psec[i], lengths[i]);
 }
 
 void dump_pat(tsan_ctx* tc, const char* msg, uint8_t** psec)
@@ -221,6 +215,17 @@ void trace_ready(tsan_ctx* tc)
     tv_log(ll::info, "%s: new PAT ready for comparison at %s\n", "another_PAT", tag_text(tc));
 }
 
+// A private copy of a section that ends with its packet, whatever its length field says: behind the packet the copy
+// has zeros, and an entry that is not there must not be read as a PID of 0.
+uint8_t* copy_within_packet(tsan_ctx* tc, std::span<const uint8_t> sec)
+{
+    uint8_t* pld = psi_private_copy(tc, sec);
+    const size_t section_end = PSI_HEADER_SIZE + size_t{psi_get_length(pld)};
+    if (section_end > sec.size() + PSI_CRC_SIZE)
+        psi_set_length(pld, uint16_t(sec.size() + PSI_CRC_SIZE - PSI_HEADER_SIZE));
+    return pld;
+}
+
 void take_another_PAT(tsan_ctx* tc, std::span<const uint8_t> sec)
 {
     const bool begins = tc->new_pat == nullptr;
@@ -230,7 +235,7 @@ void take_another_PAT(tsan_ctx* tc, std::span<const uint8_t> sec)
         return;
     }
     // A table that begins and ends with this section has no other.
-    const bool left_no_trace = another_PAT(tc, psi_private_copy(tc, sec));
+    const bool left_no_trace = another_PAT(tc, copy_within_packet(tc, sec));
     if (begins && left_no_trace)
         memo_keep(&tc->pat_memo, sec, 0);
     else
@@ -275,7 +280,7 @@ void take_PAT(tsan_ctx* tc, std::span<const uint8_t> sec)
         return;
     }
     tv_log(ll::info, "[%s] using PAT (pid%u) at %s\n", tc->cfg.source, PAT_PKT_PID, tag_text(tc));
-    process_PAT(tc, psi_private_copy(tc, sec));
+    process_PAT(tc, copy_within_packet(tc, sec));
 }
 
 void process_PAT(tsan_ctx* tc, uint8_t* pld)

@@ -496,8 +496,8 @@ TEST_F(PAT, section_whose_head_is_cut_by_the_packets_end_is_passed_over)
     EXPECT_EQ(list(), pids{100});
 }
 
-// What lies behind the packet counts as zeros: a table that claims more has as many PIDs of 0, and the first 0 stands.
-TEST_F(PAT, section_that_claims_more_than_its_packet_is_read_from_a_padded_copy)
+// What follows the section in its packet here are zeros: a longer claim has as many PIDs of 0, and the first 0 stands.
+TEST_F(PAT, section_of_any_claimed_length_keeps_the_record_valid)
 {
     for (unsigned len : {0u, 1u, 5u, 8u, 9u, 13u, 184u, 1021u, 1022u, 4095u}) {
         Analyzer b;
@@ -511,6 +511,34 @@ TEST_F(PAT, section_that_claims_more_than_its_packet_is_read_from_a_padded_copy)
         const char* why = "";
         EXPECT_TRUE(tsan_int::tsan_validate(b.ctx(), &why)) << why << " at length " << len;
     }
+}
+
+// No entry is made up from what is not there: a cut table has the programs that came with its packet.
+TEST_F(PAT, section_that_runs_past_its_packet_ends_with_it)
+{
+    const bytes s = pat({{1, 100}, {2, 200}, {3, 300}});
+    for (size_t n = 12; n < s.size(); ++n) {
+        Analyzer b;
+        b.feed(pkt().pid(0).payload(bytes_view(s).first(n)));
+        const pids expected = {100, 200, 300};
+        const size_t count = std::min<size_t>((n - 8) / 4, 3);
+        EXPECT_EQ((pids{b->pmt_pid, b->pmt_pid + b->nprogs}),
+                  (pids{expected.begin(), expected.begin() + ptrdiff_t(count)}))
+            << n;
+        b.quiet();
+        b.feed(pkt().pid(0).payload(bytes_view(s).first(n)));
+        EXPECT_EQ(b.log.lines(), strings{}) << n;
+    }
+}
+
+TEST_F(PAT, later_section_that_runs_past_its_packet_adds_what_came_with_it)
+{
+    a.feed_pat(pat({{1, 100}}));
+    const bytes s = pat({{1, 100}, {2, 200}, {3, 300}}).version(1);
+    a.feed(pkt().pid(0).payload(bytes_view(s).first(18)));
+    EXPECT_EQ(list(), (pids{100, 200}));
+    EXPECT_EQ(walked(), list());
+    expect_valid();
 }
 
 // The packet's own last section number may say more than its copy does.
