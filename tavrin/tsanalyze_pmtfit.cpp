@@ -131,10 +131,11 @@ namespace tsan_int
 
 const char* pmt_fit(uint8_t* pld, size_t avail)
 {
-    if (avail < PMT_HEAD) return "its head is not in the packet";
+    if (avail < SEC_HEAD) return "its head is not in the packet";
     const size_t length = field12(pld + SEC_LEN_FIELD);
     if (length < MIN_LENGTH) return "it is too short";
     if (length > MAX_LENGTH) return "it is too long";
+    if (avail < PMT_HEAD) return "its head is not in the packet";
     size_t end = SEC_HEAD + length - CRC_BYTES;
     const bool cut = end > avail;
     if (cut) end = avail;

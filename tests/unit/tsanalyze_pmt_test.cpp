@@ -497,7 +497,9 @@ TEST_F(HostilePMT, section_of_12_or_1022_bytes_is_refused_and_one_of_13_or_1021_
     EXPECT_EQ(refuse(pmt(1, 101, {}).version(1).length(1022)),
               strings{"take_PMT: [src] passing over a PMT section (pid100), it is too long at 0:M[4]"});
     EXPECT_EQ(refuse(pmt(1, 101, {}).version(1).length(4095)).size(), 1u);
-    EXPECT_EQ(refuse(pmt(1, 101, {}).version(1).length(0)).size(), 1u);
+    for (unsigned length : {0u, 1u, 5u, 8u})
+        EXPECT_NE(refuse(pmt(1, 101, {}).version(1).length(length)).at(0).find("it is too short"), std::string::npos)
+            << length;
     a.feed_pmt(pmt(1, 101, {}).version(1));
     EXPECT_EQ(pg().alert.pmt_diff, 1u);
     EXPECT_EQ(pg().nstreams, 0u);
@@ -627,6 +629,58 @@ TEST_F(HostilePMT, packet_without_payload_is_no_table)
     EXPECT_EQ(a.log.messages(ll::error), strings{});
     EXPECT_EQ(a.log.messages(), strings{"take_PSI_pkt: [src] no section in the packet (pid100) at 0:M[3]"});
     EXPECT_EQ(stream_pids(), (stream_list{101, 102}));
+}
+
+// Descriptors of all kinds as broadcasters send them: none of them is taken for damage.
+TEST_F(HostilePMT, ordinary_descriptors_are_taken_and_shown)
+{
+    const bytes program = cat({desc(0x05, bytes{'H', 'D', 'M', 'V'}), desc(0x09, bytes{0x06, 0x04, 0xe5, 0x01}),
+                               desc(0x0e, bytes{0xc0, 0x12, 0x34})});
+    const bytes video =
+        cat({desc(0x52, bytes{1}), desc(0x28, bytes{0x4d, 0x40, 0x28, 0x3f}), desc(0x05, bytes{'A', 'V', 'C', '1'}),
+             desc(0x02, bytes{0x1b, 0x48, 0x5f}), desc(0x09, bytes{0x0b, 0x00, 0xe5, 0x02, 0x15})});
+    const bytes audio = cat({lang_desc("eng"), desc(0x7c, bytes{0x58}), desc(0x52, bytes{2})});
+    const bytes teletext = cat({desc(0x56, bytes{'d', 'e', 'u', 0x09, 0x00, 'd', 'e', 'u', 0x10, 0x50}),
+                                desc(0x45, bytes{0x04, 0x02, 0xf0, 0xf1, 0x05, 0x01, 0xf7})});
+    const bytes subtitles = desc(0x59, bytes{'f', 'r', 'a', 0x10, 0x00, 0x01, 0x00, 0x02});
+    const bytes dolby = desc(0x6a, bytes{0x80, 0x42});
+    const bytes splice = desc(0x8a, bytes{0x01});
+    const bytes whole = pmt(1, 101,
+                            {{ES_AVC, 101, video},
+                             {ES_AAC, 102, audio},
+                             {ES_PRIVATE, 103, teletext},
+                             {ES_PRIVATE, 104, subtitles},
+                             {ES_AC3, 105, dolby},
+                             {0x86, 106, splice}})
+                            .descs(program)
+                            .version(1);
+    ASSERT_LE(whole.size(), 183u);
+    a.quiet();
+    a.feed_pmt(whole);
+    EXPECT_EQ(a.log.messages(ll::error), strings{});
+    EXPECT_EQ(stream_pids(), (stream_list{101, 102, 103, 104, 105}));
+    for (const char* tag : {"05", "09", "0e", "52", "28", "02", "0a", "7c", "56", "45", "59", "6a", "8a"})
+        EXPECT_NE(text().find(std::string("desc ") + tag), std::string::npos) << tag << " in\n" << text();
+    EXPECT_EQ(text().find("invalid"), std::string::npos) << text();
+    a.quiet();
+    a.feed_pmt(whole);
+    EXPECT_EQ(a.log.lines(), strings{});
+}
+
+// A section may fill its packet, and its CRC may come with the next one.
+TEST_F(HostilePMT, section_whose_crc_alone_lies_in_the_next_packet_is_whole)
+{
+    for (size_t size = 178; size <= 192; ++size) {
+        const size_t desc_bytes = size - 12 - 5 - 2 - 4;
+        const bytes s = pmt(1, 101, {{ES_AVC, 101, desc(0x90, fill(desc_bytes, 7))}}).version(unsigned(size) % 32);
+        ASSERT_EQ(s.size(), size);
+        a.quiet();
+        a.feed(wrap(s, 100).at(0));
+        EXPECT_EQ(a.log.messages(ll::error), strings{}) << size;
+        EXPECT_EQ(stream_pids(), stream_list{101}) << size;
+        EXPECT_EQ(text().find("desc 90") != std::string::npos, size - 4 <= 183) << size;
+    }
+    expect_valid();
 }
 
 // By design a packet without unit start is a section too.
