@@ -15,6 +15,7 @@ namespace
 {
 size_t g_allocs = 0;        // since the start
 unsigned g_fail_calloc = 0; // 1: the next one fails; 2: the one after it
+bool g_fail_strdup = false;
 } // namespace
 
 extern "C" {
@@ -51,6 +52,10 @@ void* __wrap_realloc(void* p, size_t size)
 char* __wrap_strdup(const char* s)
 {
     ++g_allocs;
+    if (g_fail_strdup) {
+        errno = ENOMEM;
+        return nullptr;
+    }
     return __real_strdup(s);
 }
 void* __wrap__Znwm(size_t size)
@@ -367,6 +372,16 @@ TEST_F(Road, first_pmt_without_memory_gets_its_text_later)
     }
     a.feed(pkt().pid(101));
     EXPECT_EQ(pg().stm[0].pcount, 1u);
+}
+
+TEST_F(Road, option_without_memory_for_its_copy_is_refused)
+{
+    const tsan_config before = a.cfg;
+    g_fail_strdup = true;
+    EXPECT_EQ(tsan_cli_opt("pcr_delta=5", &a.cfg), ENOMEM);
+    g_fail_strdup = false;
+    EXPECT_EQ(a.log.messages(), strings{"tsan_cli_opt: strdup() ERROR(12): Cannot allocate memory"});
+    EXPECT_EQ(memcmp(&before, &a.cfg, sizeof(before)), 0);
 }
 
 // ---- damage ---------------------------------------------------------------------------------------------------
