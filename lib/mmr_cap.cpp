@@ -48,13 +48,17 @@ size_t records_to_drop(size_t max_payload_sz, std::span<const struct iovec> recs
 // Are the units from one offset to another behind the head all in sync? Says nothing if not.
 bool units_synced(const struct mm_ring* mr, size_t from, size_t to)
 {
-    const std::span<const uint8_t> run(mr->buf + mr->pld_pos, mr->pld_size);
-    const bool is_rtp = mr->stype.num == STY_RTP.num;
-    for (size_t pos = from; pos < to; pos += mr->ts_len) {
-        const bool in_sync = is_rtp ? is_rtp_data(&run[pos]) : run[pos] == MPEG_TS_SYNC;
-        if (!in_sync) return false;
+    const uint8_t* head = mr->buf + mr->pld_pos;
+    const size_t ts_len = mr->ts_len;
+    size_t pos = from;
+    if (mr->stype.num == STY_RTP.num) {
+        while (pos < to && is_rtp_data(head + pos))
+            pos += ts_len;
+    } else {
+        while (pos < to && head[pos] == MPEG_TS_SYNC)
+            pos += ts_len;
     }
-    return true;
+    return pos >= to;
 }
 
 // Asks for the units that the next pass will test. They were written a whole lap of the ring ago and have left the

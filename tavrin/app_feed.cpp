@@ -51,8 +51,10 @@ struct batch {
 
 // ---- one segment ----------------------------------------------------------------------------------------------
 
+// What only some segments need is out of line: a segment of plain TS is one packet, and comes for each of them.
+
 // The analyzer has gone without PAT or PMT for longer than it is allowed to. False: the run has to end.
-bool bear_without_metadata()
+[[gnu::cold, gnu::noinline]] bool bear_without_metadata()
 {
     const time_t now = time(nullptr);
     if (now - last_notice < NOTICE_PERIOD_SEC) return true;
@@ -67,7 +69,7 @@ bool bear_without_metadata()
 }
 
 // The head and footer of an RTP segment: 0 with their lengths, or -22.
-int measure_rtp(const uint8_t* seg, size_t seglen, size_t* header_len, size_t* footer_len)
+[[gnu::noinline]] int measure_rtp(const uint8_t* seg, size_t seglen, size_t* header_len, size_t* footer_len)
 {
     const ssize_t hlen = rtp_header_len(seg, seglen);
     if (hlen != static_cast<ssize_t>(RTP_HDR_SIZE)) {

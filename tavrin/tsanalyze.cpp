@@ -85,24 +85,26 @@ void render_tag(const tag_src& tag, char (&text)[PKTIDX_LEN])
     (void)snprintf(text + len, sizeof(text) - size_t(len), ":(pcr=%lu)+%lu", tag.pcr, tag.pcr_age);
 }
 
-// Counts a packet as processed or as analyzed, for stream `idx` and its program.
-void inc_pkt_stat(tsan_ctx* tc, ssize_t idx, bool processed)
+// Counts the packet as processed and as analyzed, for its stream, its program and the program's tracks of its class.
+// Every processed packet is analyzed, so the two move together.
+void inc_pkt_stat(tsan_ctx* tc)
 {
-    stream_info& stm = prog(tc)->stm[idx];
+    stream_info& stm = *tc->dat.stream;
     sa_stats& stat = prog(tc)->stat;
-    ++(processed ? stm.pcount : stm.acount);
-    ++(processed ? stat.pcount : stat.acount);
-    switch (stm.stype) {
-    case 'S': ++(processed ? stat.s_pcount : stat.s_acount); break;
-    case 'V': ++(processed ? stat.v_pcount : stat.v_acount); break;
-    case 'A': ++(processed ? stat.a_pcount : stat.a_acount); break;
-    default: break;
+    ++stm.pcount;
+    ++stm.acount;
+    ++stat.pcount;
+    ++stat.acount;
+    if (stm.stype == 'V') {
+        ++stat.v_pcount;
+        ++stat.v_acount;
+    } else if (stm.stype == 'A') {
+        ++stat.a_pcount;
+        ++stat.a_acount;
+    } else if (stm.stype == 'S') {
+        ++stat.s_pcount;
+        ++stat.s_acount;
     }
-}
-
-void mark_processed(tsan_ctx* tc, ssize_t idx)
-{
-    inc_pkt_stat(tc, idx, true);
 }
 
 void take_PES_head(tsan_ctx* tc, const uint8_t* pkt)
@@ -169,11 +171,12 @@ int upsert_pkt_info(tsan_ctx* tc, unsigned pid, const uint8_t* pkt)
     tv_log(ll::info, "%s: %lu skipped before analysis\n", "analyze_pkt", tc->pre_skipped);
 }
 
-int analyze_pkt(tsan_ctx* tc, unsigned pid, const uint8_t* pkt, ssize_t idx)
+// Requires: a current program and stream.
+int analyze_pkt(tsan_ctx* tc, unsigned pid, const uint8_t* pkt)
 {
     if (prog(tc)->stat.acount == 0) note_first_analyzed(tc);
     ++tc->atotal;
-    inc_pkt_stat(tc, idx, false);
+    inc_pkt_stat(tc);
     if (!tc->cfg.is_enabled) return 0;
     const uint8_t control = pkt[tsf::control_ofs];
     if (tc->cfg.cc_track && (control & tsf::has_payload) != 0) cc_track(tc, pid, control & tsf::cc_mask);
@@ -276,8 +279,7 @@ int tsan_process(tsan_t t, const uint8_t* pkt)
     if (pkt[0] != TS_SYNC) return refuse_unsynced(t);
     const int idx = upsert_pkt_info(t, pid, pkt);
     if (idx >= 0) {
-        mark_processed(t, idx);
-        if (analyze_pkt(t, pid, pkt, idx) != 0) return -1;
+        if (analyze_pkt(t, pid, pkt) != 0) return -1;
         if (t->ndat_pcount != 0) check_pcount(t, false);
     }
     return t->atotal != 0 ? 0 : judge_skip_phase(t);

@@ -10,8 +10,6 @@
 #include "log.h"
 #include "tavrin/tsanalyze_int.h"
 
-#include <cassert>
-
 TV_LOG_MODULE(0)
 
 using namespace tsan_int;
@@ -19,20 +17,11 @@ using namespace tsan_int;
 namespace
 {
 
-constexpr int CC_MODULUS = 16;
-constexpr int IN_SEQUENCE = -1; // cc_alert_ctx::nmlr
-
-constexpr int next_cc(int cc)
-{
-    return cc == CC_MODULUS - 1 ? 0 : cc + 1;
-}
-
 // By design a repeated counter is a jump of 0, not of 16.
 constexpr int cc_jump(int last_cc, int cc)
 {
     return cc + (last_cc > cc ? CC_MODULUS : 0) - last_cc;
 }
-static_assert(next_cc(15) == 0 && next_cc(3) == 4);
 static_assert(cc_jump(3, 1) == 14 && cc_jump(15, 15) == 0 && cc_jump(4, 7) == 3);
 
 bool is_cc_mlr(const tsan_ctx* tc, unsigned pid, int last_cc, int cc)
@@ -40,7 +29,7 @@ bool is_cc_mlr(const tsan_ctx* tc, unsigned pid, int last_cc, int cc)
     const cc_alert_ctx& cca = tc->last_cca;
     // A break in datagram 0 counts as none.
     if (cca.seg_idx == 0) return false;
-    if (cca.nmlr == IN_SEQUENCE) return false;
+    if (cca.nmlr == CC_IN_SEQUENCE) return false;
     if (cca.seg_idx != prog(tc)->last_seg_idx) return false;
     if (cca.pid == pid) return false;
     return cca.delta == cc_jump(last_cc, cc);
@@ -107,7 +96,12 @@ bool is_restart(const tsan_ctx* tc, cc_info* info, int cc, long* delta)
     return running && *delta >= tc->cfg.cc_max_ms0_ms;
 }
 
-[[gnu::cold, gnu::noinline]] void report_break(tsan_ctx* tc, cc_info* info, unsigned pid, int cc)
+} // namespace
+
+namespace tsan_int
+{
+
+void report_break(tsan_ctx* tc, cc_info* info, unsigned pid, int cc)
 {
     long delta = 0;
     if (is_restart(tc, info, cc, &delta))
@@ -116,32 +110,9 @@ bool is_restart(const tsan_ctx* tc, cc_info* info, int cc, long* delta)
         alert_cc_break(tc, pid, info->value, cc);
 }
 
-[[gnu::cold, gnu::noinline]] void trace_cc(tsan_ctx* tc, unsigned pid, int cc)
+void trace_cc(tsan_ctx* tc, unsigned pid, int cc)
 {
     tv_log(ll::info, "%s: [%s] CC=%d pid=%u at %s\n", "cc_track", tc->cfg.source, cc, pid, tag_text(tc));
-}
-
-} // namespace
-
-namespace tsan_int
-{
-
-void cc_track(tsan_ctx* tc, unsigned pid, int cc)
-{
-    // The packet's own stream is the first one with its PID, which is what a search would find.
-    const ssize_t i = tc->dat.stream != nullptr && tc->dat.stream->pid == pid
-                          ? tc->dat.istm
-                          : find_stream(prog(tc)->stm, prog(tc)->nstreams, pid);
-    assert(i >= 0 && i < (ssize_t)prog(tc)->nstreams);
-    cc_info* info = &prog(tc)->stm[i].cc;
-    if (info->value != -1) {
-        if (cc == next_cc(info->value))
-            tc->last_cca.nmlr = IN_SEQUENCE;
-        else
-            report_break(tc, info, pid, cc);
-    }
-    info->value = cc;
-    if (tc->cfg.trk.cc_track) trace_cc(tc, pid, cc);
 }
 
 } // namespace tsan_int

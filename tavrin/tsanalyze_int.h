@@ -22,6 +22,7 @@
 
 #include <sys/types.h>
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -353,8 +354,39 @@ const char* get_streamtype_txt(uint8_t i_stream_type);
 
 // ---- continuity (tsanalyze_cc.cpp) ----------------------------------------------------------------------------
 
+inline constexpr int CC_MODULUS = 16;
+inline constexpr int CC_IN_SEQUENCE = -1; // cc_alert_ctx::nmlr
+
+constexpr int next_cc(int cc)
+{
+    return cc == CC_MODULUS - 1 ? 0 : cc + 1;
+}
+static_assert(next_cc(15) == 0 && next_cc(3) == 4);
+
+// A counter out of sequence: a restart or a break.
+[[gnu::cold]] void report_break(struct tsan_ctx* tc, struct cc_info* info, unsigned pid, int cc);
+[[gnu::cold]] void trace_cc(struct tsan_ctx* tc, unsigned pid, int cc);
+
 // Checks the counter of a payload packet. Requires: the PID is in the current program's table (asserted).
-void cc_track(struct tsan_ctx* tc, unsigned pid, int cc);
+inline void cc_track(struct tsan_ctx* tc, unsigned pid, int cc)
+{
+    // The packet's own stream is the first one with its PID, which is what a search would find.
+    const struct stream_info* own = tc->dat.stream;
+    const ssize_t i =
+        own != nullptr && own->pid == pid ? tc->dat.istm : find_stream(prog(tc)->stm, prog(tc)->nstreams, pid);
+    // clang-format off
+    assert(i >= 0 && i < (ssize_t)prog(tc)->nstreams);
+    // clang-format on
+    struct cc_info* info = &prog(tc)->stm[i].cc;
+    if (info->value != -1) {
+        if (cc == next_cc(info->value))
+            tc->last_cca.nmlr = CC_IN_SEQUENCE;
+        else
+            report_break(tc, info, pid, cc);
+    }
+    info->value = cc;
+    if (tc->cfg.trk.cc_track) trace_cc(tc, pid, cc);
+}
 
 // ---- clocks (tsanalyze_clock.cpp) -----------------------------------------------------------------------------
 
