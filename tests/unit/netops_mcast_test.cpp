@@ -477,6 +477,16 @@ TEST_F(mcast_legacy, source_join_reports_its_failure)
                                                   fd_text(fd) + ": Cannot assign requested address");
 }
 
+TEST_F(mcast_legacy, source_join_ends_where_the_interface_has_no_address)
+{
+    const Fd fd = udp();
+    auto group = addr(GROUP), src = addr("127.0.0.2");
+    sockaddr_storage ifaddr = {};
+    LogCapture log;
+    EXPECT_EQ(ssm_proto_op("test", "no-such-ifc", 0, &group, &src, &ifaddr, 1, fd.get()), -1);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"ifc_addr_lookup: failed to look up address for ifc=no-such-ifc"}));
+}
+
 TEST_F(mcast_legacy, source_join_is_refused_for_ipv6)
 {
     set_legacy_mcast_api(1);
@@ -584,6 +594,22 @@ TEST_F(mcast, writer_sends_through_a_named_interface)
     EXPECT_EQ(local_port(fd.get()), 0); // not bound
     EXPECT_TRUE(log.contains("setup_mcast_writer: fd=" + fd_text(fd) + ", ifc=[lo]:0x"));
     EXPECT_EQ(log.count("mcast_group_op"), 0u);
+}
+
+TEST_F(mcast, writer_without_an_interface_has_the_any_record_of_its_family)
+{
+    for (const char* group : {GROUP, GROUP6}) {
+        if (group == GROUP6 && !has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
+        socket_spec wspec = {};
+        wspec.socktype = SOCK_DGRAM;
+        wspec.writer = 1;
+        ifc_info* found = nullptr;
+        const Fd fd(open_socket(group, "5007", nullptr, &wspec, "all", &found));
+        const Ifc own(found);
+        ASSERT_GE(fd.get(), 0);
+        ASSERT_TRUE(own);
+        EXPECT_EQ(own->ss.ss_family, group == GROUP6 ? AF_INET6 : AF_INET);
+    }
 }
 
 TEST_F(mcast, writer_without_an_interface_sets_nothing)

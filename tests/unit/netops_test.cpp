@@ -193,6 +193,17 @@ TEST(open_socket, opens_an_ipv6_listener_for_both_families)
     EXPECT_GE(peer.get(), 0);
 }
 
+TEST(open_socket, leaves_an_ipv6_listener_at_an_address_to_its_family)
+{
+    if (!has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
+    socket_spec spec = spec_of(SOCK_STREAM, AF_INET6);
+    spec.passive = 1;
+    LogCapture log;
+    const Fd fd(open_at("::1", "0", &spec));
+    ASSERT_GE(fd.get(), 0);
+    EXPECT_EQ(log.count("set_ipv6only"), 0u);
+}
+
 TEST(open_socket, connects_over_ipv6)
 {
     if (!has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
@@ -301,6 +312,21 @@ TEST(open_socket, returns_a_connect_in_progress)
     FAIL() << "no connect was left in progress";
 }
 
+TEST(open_socket, forgets_a_connect_that_was_in_progress_before)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    LogCapture log;
+    socket_spec spec = spec_of(SOCK_STREAM);
+    spec.async_connect = 1;
+    const Fd fd(open_at("127.0.0.1", std::to_string(port), &spec));
+    ASSERT_GE(fd.get(), 0);
+    EXPECT_EQ(spec.async_connect, 0u);
+    EXPECT_EQ(log.messages(ll::info).size(), 1u);
+    EXPECT_TRUE(log.contains("setup_client: IMMEDIATE CONNECT"));
+    EXPECT_EQ(log.count("in progress"), 0u);
+}
+
 TEST(open_socket, gives_up_where_a_descriptor_cannot_be_made_non_blocking)
 {
     LogCapture log;
@@ -368,6 +394,20 @@ TEST(open_socket, refuses_a_bad_sender)
     EXPECT_EQ(open_at("127.0.0.1", "5000", &spec, "1234"), -1);
     EXPECT_EQ(log.messages(ll::error), (Lines{"mk_sockaddr: cannot accept plain number [1234] as IP address",
                                               "open_socket: invalid SSM source: 1234"}));
+    EXPECT_TRUE(spec.is_ssm);
+    EXPECT_EQ(spec.src_len, sizeof(sockaddr_storage));
+}
+
+TEST(open_socket, takes_79_characters_of_a_sender)
+{
+    for (const size_t len : {size_t{74}, size_t{75}, size_t{76}, size_t{90}}) {
+        const std::string src(len, 's');
+        LogCapture log;
+        socket_spec spec = spec_of(SOCK_DGRAM);
+        EXPECT_EQ(open_at("127.0.0.1", "5000", &spec, src.c_str()), -1);
+        EXPECT_TRUE(log.contains("mk_sockaddr: DGRAM(0) address for [" + (src + ":111").substr(0, 79) + "]"));
+        EXPECT_EQ(log.messages(ll::error).back(), "open_socket: invalid SSM source: " + src);
+    }
 }
 
 TEST(open_socket, refuses_a_sender_of_another_family)
@@ -625,6 +665,8 @@ TEST(ifc_addr_lookup, reports_an_interface_without_one)
     EXPECT_EQ(ifc_addr_lookup(AF_INET, "no-such-ifc", sa(ss), sizeof(ss)), -1);
     EXPECT_EQ(log.messages(ll::error), (Lines{"ifc_addr_lookup: failed to look up address for ifc=no-such-ifc"}));
     EXPECT_EQ(ss.ss_family, 0);
+    EXPECT_EQ(ifc_addr_lookup(AF_INET, "l", sa(ss), sizeof(ss)), -1); // all of the name counts
+    EXPECT_EQ(ifc_addr_lookup(AF_INET, "lo-no", sa(ss), sizeof(ss)), -1);
 }
 
 TEST(ifc_addr_lookup_DeathTest, stops_on_null_arguments_and_a_small_destination)
@@ -646,6 +688,13 @@ TEST(get_ifc_info, describes_a_named_interface)
     ifc = get_ifc_info(AF_INET, "127.0.0.1");
     ASSERT_NE(ifc, nullptr);
     EXPECT_STREQ(ifc->name, "lo");
+    free(ifc);
+    if (!has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
+    // An address that the tag gives is kept, whatever the family asked for.
+    ifc = get_ifc_info(AF_INET, "::1");
+    ASSERT_NE(ifc, nullptr);
+    EXPECT_STREQ(ifc->name, "lo");
+    EXPECT_EQ(text_of(ifc->ss), "[::1]:0");
     free(ifc);
 }
 

@@ -2,6 +2,7 @@
 #include "webops.h"
 
 #include "netops.h"
+#include "rqs.h"
 #include "support/interrupts.h"
 #include "support/log_capture.h"
 #include "support/net_peer.h"
@@ -651,6 +652,39 @@ TEST(get_http_response, goes_on_after_each_time_out_of_a_blocking_descriptor)
     EXPECT_EQ(a.rc, 0);
     EXPECT_EQ(a.tail, "body");
     EXPECT_GE(log.count("get_http_response: expecting more data from fd" + p.name()), 2u);
+}
+
+// A server may stay silent for as long as it likes: only the moment since the last time-out is looked at.
+TEST(get_http_response, counts_its_five_seconds_anew_after_each_time_out)
+{
+    Pair p;
+    constexpr int tmout_ms = 60;
+    ASSERT_EQ(set_rcv_timeout(p.fd(), tmout_ms), 0);
+    LogCapture log;
+    std::thread late([&] {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const auto wait_for = [&](size_t count) {
+            while (log.count("get_http_response: expecting more data") < count &&
+                   std::chrono::steady_clock::now() < deadline)
+                std::this_thread::yield();
+        };
+        wait_for(3);
+        // The loop clock comes to stand behind the end of the first five seconds, and ahead of that of the last ones.
+        timespec now = {};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        now.tv_sec += 5;
+        now.tv_nsec -= tmout_ms * 1000000L;
+        if (now.tv_nsec < 0) {
+            now.tv_nsec += 1000000000L;
+            --now.tv_sec;
+        }
+        g_rqs.itime = now;
+        wait_for(5);
+        p.reply(OK_HEAD);
+    });
+    const Answer a = answer_of(p.fd());
+    late.join();
+    EXPECT_EQ(a.rc, 0);
 }
 
 TEST(get_http_response, waits_for_a_silent_server_until_told_to_quit)
