@@ -1,5 +1,5 @@
-// The other end of a connection, for tests: descriptors with an owner, loopback ports from the kernel, and a server
-// that plays a script on one connection.
+// The other end of a connection, for tests: descriptors with an owner, loopback ports from the kernel, a connected pair,
+// and a server that plays a script on one connection.
 #ifndef TV_TESTS_NET_PEER_H
 #define TV_TESTS_NET_PEER_H
 
@@ -51,6 +51,16 @@ void put(int fd, const std::string& text);
 std::string take(int fd, size_t limit);
 // Reads until the blank line of a request has come.
 std::string take_request(int fd);
+
+// A connected pair: what is written on one end in one piece is read on the other in one piece.
+struct PeerPair {
+    PeerPair();
+    int fd() const { return here.get(); }
+    std::string name() const { return std::to_string(here.get()); }
+    // Queues a reply, in pieces of a size, and ends the data behind it.
+    void reply(const std::string& text, size_t piece = SIZE_MAX, bool end = true);
+    Fd here, there;
+};
 
 // Accepts one connection on the IPv4 loopback and plays a script on it; the connection closes behind the script.
 class Server

@@ -7,7 +7,6 @@
 #include "support/log_capture.h"
 #include "support/net_peer.h"
 #include "util.h"
-#include "wopen.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -39,29 +38,6 @@ using Lines = std::vector<std::string>;
 
 const std::string OK_HEAD = "HTTP/1.1 200 OK\r\n\r\n";
 
-// A connected pair: what is written on one end in one piece is read on the other in one piece.
-struct Pair {
-    Pair()
-    {
-        int fds[2] = {-1, -1};
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) != 0) perror("socketpair");
-        here = Fd(fds[0]);
-        there = Fd(fds[1]);
-    }
-    int fd() const { return here.get(); }
-    // Queues a reply, in pieces of a size, and ends the data behind it.
-    void reply(const std::string& text, size_t piece = SIZE_MAX, bool end = true)
-    {
-        for (size_t pos = 0; pos < text.size(); pos += piece) {
-            put(there.get(), text.substr(pos, piece));
-            if (piece == SIZE_MAX) break;
-        }
-        if (end) shutdown(there.get(), SHUT_WR);
-    }
-    std::string name() const { return std::to_string(here.get()); }
-    Fd here, there;
-};
-
 http_request get_request(const char* request)
 {
     http_request rq = {};
@@ -75,7 +51,7 @@ http_request get_request(const char* request)
 // What a request looks like on the wire.
 std::string sent_request(const http_request& rq)
 {
-    Pair p;
+    PeerPair p;
     EXPECT_EQ(send_http_request(p.fd(), &rq), 0);
     char buf[4096];
     const ssize_t n = read(p.there.get(), buf, sizeof(buf));
@@ -116,7 +92,7 @@ Answer answer_of(int fd, size_t cap = 2048)
 
 Answer answer_to(const std::string& reply, size_t piece = SIZE_MAX, size_t cap = 2048)
 {
-    Pair p;
+    PeerPair p;
     p.reply(reply, piece);
     return answer_of(p.fd(), cap);
 }
@@ -138,7 +114,7 @@ TEST(send_http_request, sends_one_get)
 
 TEST(send_http_request, logs_what_it_sent)
 {
-    Pair p;
+    PeerPair p;
     LogCapture log;
     const http_request rq = get_request("/a");
     ASSERT_EQ(send_http_request(p.fd(), &rq), 0);
@@ -229,7 +205,7 @@ TEST(send_http_request, reports_a_failed_send)
 
 TEST(send_http_request, makes_no_second_write)
 {
-    Pair p;
+    PeerPair p;
     LogCapture log;
     const http_request rq = get_request("/a");
     const std::string wire = wire_text("/a", "1.1", "192.0.2.1", "close", "kvt");
@@ -311,7 +287,7 @@ TEST(is_aborted, knows_the_errors_of_a_broken_connection)
 
 TEST(read_http, looks_from_the_buffers_start)
 {
-    Pair p;
+    PeerPair p;
     p.reply("HTTP/1.1 200 OK\r\n\r\nbody", 18);
     char buf[64];
     ssize_t tail = 0;
@@ -333,7 +309,7 @@ TEST(read_http, looks_from_the_buffers_start)
 
 TEST(read_http, keeps_to_the_rest_of_the_buffer_and_needs_no_place_for_the_tail)
 {
-    Pair p;
+    PeerPair p;
     p.reply(OK_HEAD);
     char buf[8] = "#######";
     EXPECT_EQ(read_http(p.fd(), buf, 6, 4, nullptr), 2);
@@ -346,7 +322,7 @@ TEST(read_http, keeps_to_the_rest_of_the_buffer_and_needs_no_place_for_the_tail)
 
 TEST(recv_http_response, parses_the_status_line)
 {
-    Pair p;
+    PeerPair p;
     p.reply("HTTP/1.0 200 Okay then\r\nServer: x\r\n\r\nbody");
     char buf[256];
     http_resp_ctx ctx = {};
@@ -365,7 +341,7 @@ TEST(recv_http_response, parses_the_status_line)
 TEST(recv_http_response, puts_a_head_together_byte_by_byte)
 {
     for (const std::string& head : {OK_HEAD, std::string("HTTP/1.1 200 OK\n\n")}) {
-        Pair p;
+        PeerPair p;
         // The last byte of the second form is seen at once, that of the first too: no byte is waited for behind it.
         p.reply(head, 1, false);
         char buf[256];
@@ -381,7 +357,7 @@ TEST(recv_http_response, puts_a_head_together_byte_by_byte)
 
 TEST(recv_http_response, waits_for_a_byte_behind_a_mixed_end_of_head)
 {
-    Pair p;
+    PeerPair p;
     p.reply("HTTP/1.1 200 OK\r\n\n", SIZE_MAX, false);
     ASSERT_EQ(fcntl(p.fd(), F_SETFL, O_NONBLOCK), 0);
     char buf[256];
@@ -408,7 +384,7 @@ TEST(recv_http_response, refuses_a_status_line_without_all_of_it)
                 {"\n\n", 0},
                 {"HTTP/11.1 200 OK\r\n\r\n", 1}};
     for (const auto& row : rows) {
-        Pair p;
+        PeerPair p;
         p.reply(row.reply);
         char buf[256];
         http_resp_ctx ctx = {};
@@ -422,7 +398,7 @@ TEST(recv_http_response, refuses_a_status_line_without_all_of_it)
 
 TEST(recv_http_response, cuts_a_long_reason)
 {
-    Pair p;
+    PeerPair p;
     p.reply("HTTP/1.1 200 " + std::string(300, 'r') + "\r\n\r\n");
     char buf[512];
     http_resp_ctx ctx = {};
@@ -434,7 +410,7 @@ TEST(recv_http_response, cuts_a_long_reason)
 TEST(recv_http_response, refuses_a_peer_that_leaves_before_the_end_of_head)
 {
     for (const char* part : {"", "HTTP/1.1 200 OK\r\n"}) {
-        Pair p;
+        PeerPair p;
         p.reply(part);
         char buf[256];
         http_resp_ctx ctx = {};
@@ -479,7 +455,7 @@ TEST(recv_http_response, refuses_a_head_that_fills_the_buffer)
 {
     for (const size_t head : {size_t{30}, size_t{31}, size_t{32}, size_t{33}}) {
         const std::string line = "HTTP/1.1 200 OK";
-        Pair p;
+        PeerPair p;
         p.reply(line + std::string(head - line.size() - 4, ' ') + "\r\n\r\n");
         char buf[32];
         http_resp_ctx ctx = {};
@@ -507,7 +483,7 @@ TEST(recv_http_response_DeathTest, stops_without_a_buffer)
 
 TEST(get_http_response, hands_over_the_tail)
 {
-    Pair p;
+    PeerPair p;
     const std::string body(100, 'b');
     p.reply(OK_HEAD + body);
     LogCapture log;
@@ -541,7 +517,7 @@ TEST(get_http_response, gives_a_tail_of_nothing_for_a_bare_head)
 TEST(get_http_response, refuses_every_status_but_200)
 {
     for (const int code : {100, 199, 201, 204, 206, 301, 302, 404, 500}) {
-        Pair p;
+        PeerPair p;
         p.reply("HTTP/1.1 " + std::to_string(code) + " Word\r\n\r\nbody");
         LogCapture log;
         const Answer a = answer_of(p.fd());
@@ -588,7 +564,7 @@ TEST(get_http_response, leaves_the_rest_of_the_body_in_the_socket)
 
 TEST(get_http_response, drops_a_tail_that_is_too_big)
 {
-    Pair p;
+    PeerPair p;
     p.reply(OK_HEAD + std::string(51, 'b'));
     LogCapture log;
     const Answer a = answer_of(p.fd(), 50);
@@ -613,7 +589,7 @@ TEST(get_http_response, gives_no_tail_where_the_head_is_as_long_as_the_capacity)
 TEST(get_http_response, needs_no_place_for_the_tail)
 {
     for (const bool with_buf : {false, true}) {
-        Pair p;
+        PeerPair p;
         p.reply(OK_HEAD + "body");
         char buf[64] = "#";
         size_t len = 7;
@@ -625,7 +601,7 @@ TEST(get_http_response, needs_no_place_for_the_tail)
 
 TEST(get_http_response, answers_11_on_a_non_blocking_descriptor_without_a_reply)
 {
-    Pair p;
+    PeerPair p;
     ASSERT_EQ(fcntl(p.fd(), F_SETFL, O_NONBLOCK), 0);
     LogCapture log;
     const Answer a = answer_of(p.fd());
@@ -637,7 +613,7 @@ TEST(get_http_response, answers_11_on_a_non_blocking_descriptor_without_a_reply)
 
 TEST(get_http_response, goes_on_after_each_time_out_of_a_blocking_descriptor)
 {
-    Pair p;
+    PeerPair p;
     ASSERT_EQ(set_rcv_timeout(p.fd(), 5), 0);
     LogCapture log;
     std::thread late([&] {
@@ -657,7 +633,7 @@ TEST(get_http_response, goes_on_after_each_time_out_of_a_blocking_descriptor)
 // A server may stay silent for as long as it likes: only the moment since the last time-out is looked at.
 TEST(get_http_response, counts_its_five_seconds_anew_after_each_time_out)
 {
-    Pair p;
+    PeerPair p;
     constexpr int tmout_ms = 60;
     ASSERT_EQ(set_rcv_timeout(p.fd(), tmout_ms), 0);
     LogCapture log;
@@ -689,7 +665,7 @@ TEST(get_http_response, counts_its_five_seconds_anew_after_each_time_out)
 
 TEST(get_http_response, waits_for_a_silent_server_until_told_to_quit)
 {
-    Pair p;
+    PeerPair p;
     LogCapture log;
     const Interrupts signals(quit_at_third);
     const Answer a = answer_of(p.fd());
@@ -702,7 +678,7 @@ TEST(get_http_response, waits_for_a_silent_server_until_told_to_quit)
 TEST(get_http_response, survives_signals_in_the_middle_of_a_head)
 {
     static int s_fd;
-    Pair p;
+    PeerPair p;
     p.reply("HTTP/1.1 200 OK\r\n", SIZE_MAX, false);
     s_fd = p.there.get();
     const Interrupts signals([](int count) {
@@ -726,148 +702,4 @@ TEST(get_http_response, keeps_to_its_buffers_on_arbitrary_replies)
         EXPECT_TRUE(a.rc == 0 || a.rc == -1);
         EXPECT_TRUE(a.tail.size() <= cap || a.tail == "#");
     }
-}
-
-// ---- a caller's own loop --------------------------------------------------------------------------------------
-
-TEST(usock_http_get_response, takes_any_status_of_success)
-{
-    for (const int code : {200, 206, 299}) {
-        Pair p;
-        p.reply("HTTP/1.1 " + std::to_string(code) + " OK\r\n\r\nbody");
-        char buf[256];
-        http_resp_buf resp = {buf, sizeof(buf), {}};
-        LogCapture log;
-        EXPECT_EQ(usock_http_get_response(p.fd(), &resp), 0);
-        EXPECT_EQ(resp.ctx.code, code);
-        EXPECT_EQ(log.messages().front(), "usock_http_get_response: reading HTTP response from fd=" + p.name());
-        EXPECT_EQ(log.messages().back(), "usock_http_get_response: got HTTP tail of 4 bytes from fd" + p.name());
-    }
-}
-
-TEST(usock_http_get_response, gives_13_for_another_status)
-{
-    for (const int code : {199, 300, 404}) {
-        Pair p;
-        p.reply("HTTP/1.1 " + std::to_string(code) + " Word\r\n\r\n");
-        char buf[256];
-        http_resp_buf resp = {buf, sizeof(buf), {}};
-        LogCapture log;
-        EXPECT_EQ(usock_http_get_response(p.fd(), &resp), 13);
-        EXPECT_EQ(log.messages(ll::warning),
-                  (Lines{"usock_http_get_response: expected HTTP 200-299, got HTTP " + std::to_string(code)}));
-    }
-}
-
-TEST(usock_http_get_response, gives_11_while_more_is_to_come)
-{
-    Pair p;
-    p.reply("HTTP/1.1 ", SIZE_MAX, false);
-    ASSERT_EQ(fcntl(p.fd(), F_SETFL, O_NONBLOCK), 0);
-    char buf[256];
-    http_resp_buf resp = {buf, sizeof(buf), {}};
-    LogCapture log;
-    EXPECT_EQ(usock_http_get_response(p.fd(), &resp), 11);
-    EXPECT_EQ(log.messages().back(), "usock_http_get_response: [9 bytes] in, expecting more data from fd" + p.name());
-}
-
-// Callers read a reply in one call; the place of a second one stays as it is.
-TEST(usock_http_get_response, goes_twice_as_far_in_at_a_second_call)
-{
-    Pair p;
-    p.reply("HTTP/", SIZE_MAX, false);
-    ASSERT_EQ(fcntl(p.fd(), F_SETFL, O_NONBLOCK), 0);
-    char buf[64] = "";
-    http_resp_buf resp = {buf, sizeof(buf), {}};
-    EXPECT_EQ(usock_http_get_response(p.fd(), &resp), 11);
-    p.reply("1.1", SIZE_MAX, false);
-    EXPECT_EQ(usock_http_get_response(p.fd(), &resp), 11);
-    EXPECT_EQ(memcmp(buf, "HTTP/\0\0\0\0\0001.1", 13), 0);
-}
-
-TEST(usock_http_get_response, gives_7_for_a_full_buffer_and_minus_1_for_a_failure)
-{
-    char buf[16];
-    http_resp_buf resp = {buf, sizeof(buf), {0, 16, 0}};
-    LogCapture log;
-    EXPECT_EQ(usock_http_get_response(-1, &resp), 7);
-    EXPECT_EQ(log.messages(ll::error), (Lines{"usock_http_get_response: buffer is full, size=16"}));
-    log.clear();
-    Pair p;
-    p.reply("");
-    resp.ctx.total = 0;
-    EXPECT_EQ(usock_http_get_response(p.fd(), &resp), -1);
-    EXPECT_EQ(log.messages(ll::error).back(),
-              "usock_http_get_response: err=-1 getting HTTP response from fd" + p.name());
-}
-
-TEST(usock_http_get_response_DeathTest, stops_without_a_buffer)
-{
-    char buf[8];
-    http_resp_buf none = {nullptr, 8, {}}, empty = {buf, 0, {}};
-    EXPECT_DEATH(usock_http_get_response(0, &none), "resp->buf && resp->len > 0");
-    EXPECT_DEATH(usock_http_get_response(0, &empty), "resp->buf && resp->len > 0");
-}
-
-namespace
-{
-
-struct FreeBody {
-    void operator()(http_body_buf* p) const { free(p); }
-};
-using Body = std::unique_ptr<http_body_buf, FreeBody>;
-
-Body body_of(size_t buf_size, size_t data_len)
-{
-    Body body(static_cast<http_body_buf*>(calloc(1, sizeof(http_body_buf) + 64)));
-    body->buf_size = buf_size;
-    body->data_len = data_len;
-    return body;
-}
-
-} // namespace
-
-// The count to read is taken in an order that only a buffer that is exactly full passes; callers know it so.
-TEST(usock_http_get_body, is_complete_where_count_and_size_are_equal)
-{
-    const Body body = body_of(10, 10);
-    LogCapture log;
-    EXPECT_EQ(usock_http_get_body(-1, body.get()), 0);
-    EXPECT_EQ(log.messages(), (Lines{"usock_http_get_body: complete at 10 bytes"}));
-}
-
-TEST(usock_http_get_body, reports_a_read_that_gives_nothing)
-{
-    Pair p;
-    ASSERT_EQ(fcntl(p.fd(), F_SETFL, O_NONBLOCK), 0);
-    p.reply("abc", SIZE_MAX, false);
-    const Body body = body_of(10, 15);
-    LogCapture log;
-    EXPECT_EQ(usock_http_get_body(p.fd(), body.get()), 11);
-    EXPECT_EQ(body->data_len, 18u);
-    EXPECT_EQ(memcmp(body->data + 15, "abc", 3), 0);
-    EXPECT_TRUE(log.contains("usock_http_get_body: read(fd" + p.name() + "..) 3 bytes, 2 left to read"));
-    EXPECT_EQ(usock_http_get_body(-1, body.get()), EBADF);
-}
-
-// The end of the data sets no error number: one left over from an earlier call is not its reason.
-TEST(usock_http_get_body, gives_minus_1_at_the_end_of_the_data_whatever_failed_before)
-{
-    for (const int stale : {0, EAGAIN, EBADF}) {
-        Pair p;
-        p.reply("");
-        const Body body = body_of(10, 15);
-        errno = stale;
-        EXPECT_EQ(usock_http_get_body(p.fd(), body.get()), -1) << stale;
-    }
-}
-
-TEST(usock_http_get_body_DeathTest, stops_on_every_other_count)
-{
-    const Body less = body_of(10, 9);
-    EXPECT_DEATH(usock_http_get_body(-1, less.get()), "Assertion");
-    Pair p;
-    p.reply("abcde");
-    const Body more = body_of(10, 15);
-    EXPECT_DEATH(usock_http_get_body(p.fd(), more.get()), "Assertion");
 }
