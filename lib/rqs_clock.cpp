@@ -1,10 +1,6 @@
-// The event loop's clock. It stands apart from the loop so that the time library, which lies at the bottom, can
-// read it without pulling the loop in.
+// The event loop's record and its clock. They stand apart from the loop so that the time library, which lies at the
+// bottom, can read the clock without pulling the loop in.
 #include "rqs.h"
-
-#include <type_traits>
-
-static_assert(std::is_trivially_default_constructible_v<rqs_context> && std::is_standard_layout_v<rqs_context>);
 
 constinit struct rqs_context g_rqs = {};
 
