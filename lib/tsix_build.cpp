@@ -25,6 +25,9 @@ using namespace tsix_int;
 
 constexpr mode_t INDEX_MODE = 0644;
 constexpr int NO_PCR = -3;
+// What may wait to be written. ixbuf has room for more where records are small and loads large; its pages beyond this
+// are never touched, so that a build's memory is the load and little else.
+constexpr size_t MAX_WAITING_BYTES = 8 * ONE_Mb;
 
 // Packets in a record.
 ssize_t pkts_per_record(const struct tsix_ctx* t)
@@ -253,7 +256,9 @@ int tsix_int::set_ix_clock(struct tsix_ctx* t, size_t dgram_count, uint64_t delt
         // A clock of 0 is what no reader takes: the first PCRs are too close for their records.
         if (sclk == 0) return refuse_rate(__func__, t, "no tick for its first record");
         update_ix(t, t->rsize, sclk);
-        if (++t->icount >= t->max_icount && flush_ix(t) != 0) return -1;
+        ++t->icount;
+        if (t->icount < t->max_icount && t->icount * irec_bytes(t) < MAX_WAITING_BYTES) continue;
+        if (flush_ix(t) != 0) return -1;
     }
     t->last_sclk += delta;
     return 0;
