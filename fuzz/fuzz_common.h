@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <span>
+#include <string>
 #include <vector>
 
 // Called once: sends all log lines, debug ones included, to nowhere, so that their building is under test too.
@@ -21,6 +22,12 @@ inline std::vector<uint8_t> exact_copy(std::span<const uint8_t> data, size_t mar
     std::vector<uint8_t> mem(data.size() + margin, 0x80); // a margin that looks like RTP is the least harmless
     std::copy(data.begin(), data.end(), mem.begin());
     return mem;
+}
+
+// A path that leads to an open descriptor, such as a file in memory.
+inline std::string path_of(int fd)
+{
+    return "/proc/self/fd/" + std::to_string(fd);
 }
 
 #define FUZZ_CHECK(expr)                                                                                               \

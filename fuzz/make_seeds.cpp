@@ -109,6 +109,52 @@ void make_tsan()
     seed("tsan", "long_tables", cat(split));
 }
 
+// An index of these clocks; with `rsize` each record has that size.
+bytes index_of(std::vector<uint64_t> clocks, uint8_t units, unsigned rsize)
+{
+    bytes out = {'T', 'S', 'I', 'X', 1, units};
+    const auto put = [&out](uint64_t value, size_t size) {
+        for (size_t i = 0; i < size; ++i)
+            out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    };
+    put(0, 2);
+    put(clocks.size(), 8);
+    put(rsize > 0 ? 10 : 8, 2);
+    out.insert(out.end(), 16, 0xfe);
+    for (const uint64_t c : clocks) {
+        put(c, 8);
+        if (rsize > 0) put(rsize, 2);
+    }
+    return out;
+}
+
+void make_index()
+{
+    std::vector<uint64_t> even;
+    for (uint64_t i = 1; i <= 30; ++i)
+        even.push_back(i * 900);
+    seed("tsix", "even", with_flags(8, index_of(even, 7, 0)));
+    seed("tsix", "one_packet_records", with_flags(2, index_of(even, 1, 0)));
+    seed("tsix", "largest_records", with_flags(254, index_of(even, 255, 0)));
+    seed("tsix", "sizes_in_records", with_flags(9, index_of(even, 7, 1316)));
+    seed("tsix", "stepping_back", with_flags(40, index_of({900, 1800, 400, 1300}, 7, 0)));
+    // A count of 2^33 in a file of thirty records; a file that ends inside a record.
+    bytes lying = index_of(even, 7, 0);
+    lying[12] = 2;
+    seed("tsix", "count_too_large", with_flags(8, lying));
+    lying = index_of(even, 7, 0);
+    lying.resize(lying.size() - 3);
+    seed("tsix", "cut", with_flags(8, lying));
+
+    stream_plan plan = one_program();
+    plan.psi_every = 2;
+    seed("tsix_build", "clean", with_flags(6, cat(stream(plan).take(60))));
+    seed("tsix_build", "small_records", with_flags(0, cat(stream(plan).take(40))));
+    seed("tsix_build", "sizes_in_records", with_flags(0x83, cat(stream(plan).take(40))));
+    plan.first_pcr = (uint64_t{1} << 33) - 2000;
+    seed("tsix_build", "wrap", with_flags(2, cat(stream(plan).take(50))));
+}
+
 void make_texts()
 {
     seed("uri", "multicast", "udp://239.1.1.1:5000");
@@ -140,6 +186,7 @@ int main(int argc, char** argv)
     make_dstream();
     make_rtp();
     make_tsan();
+    make_index();
     make_texts();
     return 0;
 }

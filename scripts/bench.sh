@@ -12,4 +12,7 @@ for program in build-bench/bench_*; do
     "$program" --benchmark_filter="${1:-.}" --benchmark_min_time=0.3 --benchmark_repetitions=3 \
         --benchmark_report_aggregates_only=true --benchmark_counters_tabular=true
 done
-[[ -n ${1:-} ]] || bench/e2e_tcp.py build-bench
+if [[ -z ${1:-} ]]; then
+    bench/e2e_tcp.py build-bench
+    bench/index_big.py build-bench
+fi
