@@ -20,9 +20,10 @@ LEVELS = {
     5: ["mmr", "rqs"],
 }
 LEVEL = {name: level for level, names in LEVELS.items() for name in names}
-# Any source may log, make checked calls and read the signal flags; the loop's clock is read by the time utilities.
+# Any source may log, make checked calls and read the signal flags; the loop's clock is read by the time utilities, and
+# the log core hands its lines to the ring log.
 ANYWHERE = {"log", "syswrap", "util", "tvtypes"}
-AGREED = {("timeop.cpp", "rqs")}
+AGREED = {("timeop.cpp", "rqs"), ("log.cpp", "lard")}
 LINE_LIMIT = 800
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 
