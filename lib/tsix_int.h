@@ -28,8 +28,8 @@ struct tsix_iter {
     size_t bytes_out;  // stream bytes handed out
 };
 
-// One record for both uses. A builder has rsize from the start, a loaded buf, and fills ixbuf; a reader has iter.is_ready,
-// no buf, and empties ixbuf.
+// One record for both uses. A builder has rsize from the start, a loaded buf, and fills ixbuf; a reader has
+// iter.is_ready, no buf, and empties ixbuf.
 struct tsix_ctx {
     uint32_t flags;          // TSX_
     int tsfd;                // the stream file
