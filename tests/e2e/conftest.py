@@ -50,6 +50,17 @@ def udp_port_open(port):
     return any(f":{port:04X} " in t.read_text() for t in tables if t.exists())
 
 
+def listening(port):
+    """Does somebody listen on this TCP port, at an IPv4 address?"""
+    lines = Path("/proc/net/tcp").read_text().splitlines()
+    return any(f":{port:04X} 00000000:0000 0A" in line for line in lines)
+
+
+def ffmpeg_input(path):
+    """The words that make ffmpeg play a file at its own pace; an output is to follow."""
+    return ["ffmpeg", "-hide_banner", "-loglevel", "error", "-nostdin", "-re", "-i", path, "-map", "0", "-c", "copy"]
+
+
 def need(*tools):
     for tool in tools:
         if shutil.which(tool) is None:
@@ -91,9 +102,12 @@ class Kvt:
         self.config_path.write_text(text)
         return self
 
-    def start(self, *args, user=None, cwd=None, env=None, use_config=True):
-        """Starts kvt in the background. With use_config, the configuration of write_config is given with -C."""
-        command = [str(self.binary)]
+    def start(self, *args, user=None, cwd=None, env=None, use_config=True, inside=()):
+        """Starts kvt in the background. With use_config, the configuration of write_config is given with -C.
+
+        inside: words to put before the command, such as those that enter a namespace (they end in an exec).
+        """
+        command = [*inside, str(self.binary)]
         if user:
             command = ["runuser", "-u", user, "--"] + command
         if use_config:
@@ -168,6 +182,22 @@ class Kvt:
     def shared_memory(self):
         return list(SHM.glob(f"mmr.{self.pid}.*"))
 
+    def snapshot(self):
+        """Asks for a snapshot at once: the bytes of the ring. Needs SNAPSHOTS_HERE in the configuration."""
+        count = len(self.snapshot_notes())
+        self.send(signal.SIGURG)
+        size, name = wait_until(lambda: self.snapshot_notes()[count:], "the snapshot")[0]
+        data = (self.folder / name).read_bytes() if name else b""
+        assert len(data) == int(size or 0)
+        return data
+
+    def snapshot_notes(self):
+        """[(size, path)] of the snapshots so far, as the log tells of them; an empty ring leaves both empty."""
+        return re.findall(r"take_snapshot: (?:write (\d+) bytes to \[(.*)\]|failed to snapshot)", self.log_text())
+
+
+SNAPSHOTS_HERE = 'snapshot: { dir_path = "."; };'  # in the folder of the run, for write_config's extra
+
 
 @pytest.fixture
 def kvt_factory(tmp_path):
@@ -199,6 +229,23 @@ def any_build_kvt(request, kvt_factory):
     if not (ASAN_BUILD / "kvt").exists():
         pytest.skip("no build under AddressSanitizer")
     return kvt_factory(build=ASAN_BUILD)
+
+
+@pytest.fixture
+def sender():
+    """Starts programs that end with the test."""
+    children = []
+
+    def start(*command, **kwargs):
+        child = subprocess.Popen([str(c) for c in command], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                 stderr=subprocess.DEVNULL, **kwargs)
+        children.append(child)
+        return child
+
+    yield start
+    for child in children:
+        child.kill()
+        child.wait()
 
 
 class TcpServer:

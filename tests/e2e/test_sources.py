@@ -8,27 +8,7 @@ import pytest
 
 import tsfile as ts
 import tsmodel
-from conftest import DEADLINE, free_port, need, wait_until
-
-
-@pytest.fixture
-def sender():
-    children = []
-
-    def start(*command, **kwargs):
-        child = subprocess.Popen([str(c) for c in command], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                 stderr=subprocess.DEVNULL, **kwargs)
-        children.append(child)
-        return child
-
-    yield start
-    for child in children:
-        child.kill()
-        child.wait()
-
-
-def ffmpeg_input(path):
-    return ["ffmpeg", "-hide_banner", "-loglevel", "error", "-nostdin", "-re", "-i", path, "-map", "0", "-c", "copy"]
+from conftest import DEADLINE, ffmpeg_input, free_port, listening, need, wait_until
 
 
 @pytest.fixture
@@ -86,10 +66,6 @@ def test_ffmpeg_over_tcp_ends_with_the_sender(kvt, sender, clean_path):
     assert_watched(kvt, "TS", "STM")
     assert_clean_end(kvt)
     assert "== EOD, connection broken? ==" in kvt.log_text()
-
-
-def listening(port):
-    return any(f":{port:04X} 00000000:0000 0A" in line for line in open("/proc/net/tcp", encoding="ascii"))
 
 
 @pytest.mark.parametrize("scheme, options, kind", [("udp", ["-U"], "TS"), ("rtp", [], "RTP")])
