@@ -6,7 +6,7 @@ set -euo pipefail
 
 run_packages=(g++ cmake make pkg-config libconfig-dev libbitstream-dev python3)
 test_packages=(ninja-build ccache git libgtest-dev clang clang-format libclang-rt-14-dev python3-pytest ffmpeg multicat
-               socat iproute2 procps util-linux mandoc)
+               socat nginx-light iproute2 procps util-linux mandoc)
 bench_packages=(libbenchmark-dev time)
 
 wanted=("${run_packages[@]}")
@@ -40,4 +40,14 @@ fi
 echo "bootstrap: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
+# A web server comes as a service that starts at once. The tests start one of their own: the service stays down.
+quiet_service=
+if [[ " ${missing[*]} " == *" nginx-light "* && -d /run/systemd/system ]] && ! command -v nginx >/dev/null; then
+    quiet_service=nginx.service
+    "${as_root[@]}" systemctl mask --quiet --runtime "$quiet_service"
+fi
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if [[ -n $quiet_service ]]; then
+    "${as_root[@]}" systemctl unmask --quiet --runtime "$quiet_service"
+    "${as_root[@]}" systemctl disable --quiet "$quiet_service"
+fi

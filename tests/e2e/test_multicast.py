@@ -278,8 +278,12 @@ def test_a_killed_process_leaves_no_membership(kvt, link, url):
 # ---- unicast, and what goes missing on the way ----
 
 
-@pytest.mark.parametrize("url, datagrams", [(f"udp://10.91.0.2:{PORT}", SENT), (f"rtp://10.91.0.2:{PORT}", with_rtp(SENT)),
-                                            (f"udp://0.0.0.0:{PORT}", SENT), (f"udp://[::]:{PORT}", SENT)])
+@pytest.mark.parametrize("url, datagrams", [
+    (f"udp://10.91.0.2:{PORT}", SENT),
+    (f"rtp://10.91.0.2:{PORT}", with_rtp(SENT)),
+    (f"udp://0.0.0.0:{PORT}", SENT),
+    (f"udp://[::]:{PORT}", SENT),
+])
 def test_a_unicast_address_of_the_host_is_bound_to(kvt, link, url, datagrams):
     watch(kvt, link, url)
     assert list(link.receiver.udp_sockets()) == [PORT]
