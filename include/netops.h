@@ -50,7 +50,7 @@ static_assert(IFNAMSIZ == 16, "the name's size is part of the record");
 
 // ---- opening --------------------------------------------------------------------------------------------------
 
-// Opens a socket for an address and a port: listener, client, multicast reader or writer as the spec says. `addr`
+// Opens a socket for an address and a port: listener, client, multicast reader or writer as `spec` says. `addr`
 // null is the any address. `src` names the sender of a source-specific group; it may lack a port. The interface
 // record of a multicast socket goes to `*ifc` where `ifc` is given (null for a tag that names no interface).
 // The descriptor, or -1 after the failures of all candidates have been logged. With a non-blocking connect under way

@@ -32,7 +32,7 @@ bool port_ok(const char* port)
     return *port != '\0' && (atoi(port) != 0 || strcmp(port, "0") == 0);
 }
 
-// Resolves the sender of a source-specific group into the spec. 0, or -1 after an error line.
+// Resolves the sender of a source-specific group into `spec`. 0, or -1 after an error line.
 int take_source(const char* src, struct socket_spec* spec)
 {
     spec->src_len = sizeof(spec->src_ss);
@@ -62,7 +62,7 @@ int setup_multicast(int fd, struct addrinfo* ai, struct socket_spec* spec, const
     return setup_mcast_reader(fd, ai, ifc->get(), spec->is_ssm ? &spec->src_ss : nullptr);
 }
 
-// Makes the candidate's socket what the spec asks for. 0, or non-zero.
+// Makes the candidate's socket what `spec` asks for. 0, or non-zero.
 int setup_candidate(int fd, struct addrinfo* ai, struct socket_spec* spec, const char* ifc_tag, ifc_ptr* ifc)
 {
     if (spec->multicast) return setup_multicast(fd, ai, spec, ifc_tag, ifc);
