@@ -174,6 +174,40 @@ void make_texts()
     seed("http", "long_tail", "HTTP/1.1 200 OK\r\n\r\n" + std::string(600, 'G'));
 }
 
+bytes text_bytes(std::string_view text)
+{
+    return bytes(text.begin(), text.end());
+}
+
+// A ring log of one page: start and length of its text, then the ring.
+bytes ring_of(uint16_t start, uint16_t len, bytes_view ring)
+{
+    bytes out;
+    for (const uint16_t v : {start, len}) {
+        out.push_back(static_cast<uint8_t>(v));
+        out.push_back(static_cast<uint8_t>(v >> 8));
+    }
+    return cat({out, ring});
+}
+
+void make_lard()
+{
+    constexpr uint16_t size = 4096;
+    bytes full;
+    while (full.size() < size)
+        full = cat({full, text_bytes("a line of text\n")});
+    full.resize(size);
+    full[100] = 0;
+    seed("lard", "two_lines", ring_of(0, 8, text_bytes("one\ntwo\n")));
+    seed("lard", "empty", ring_of(0, 0, {}));
+    seed("lard", "full", ring_of(100, size, full));
+    seed("lard", "full_at_0", ring_of(0, size, full));
+    seed("lard", "full_at_1", ring_of(1, size, full));
+    seed("lard", "start_without_full", ring_of(100, 50, full));
+    seed("lard", "outside", ring_of(size, size + 1, full));
+    seed("lard", "wild", ring_of(UINT16_MAX, UINT16_MAX, {}));
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -184,6 +218,7 @@ int main(int argc, char** argv)
     }
     g_root = argv[1];
     make_dstream();
+    make_lard();
     make_rtp();
     make_tsan();
     make_index();

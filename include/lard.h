@@ -73,6 +73,11 @@ static_assert(offsetof(lard_meta, is_closed) == 320);
 // Requires: name not null.
 lard_t lard_create(const char* name, size_t npages);
 
+// Whether lard_open has something to open: 0, or -1 with errno set, and not a word: EAGAIN for a record that has no
+// pages, as while it is being made.
+// Requires: name not null.
+int lard_probe(const char* name);
+
 // The reader's side: maps what is there, read-only. Null, with a line on stderr and errno set, for a name that is not
 // there and for objects that are too small for what they say. A record with no pages is an assertion.
 // Requires: name not null.

@@ -301,6 +301,27 @@ lard_t lard_create(const char* name, size_t npages)
     return lc;
 }
 
+int lard_probe(const char* name)
+{
+    assert(NULL != name);
+    if (strlen(name) > LARD_MAX_NAME) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    char object[OBJECT_NAME_SIZE];
+    (void)snprintf(object, sizeof(object), "/%s.meta", name);
+    int fd = shm_open(object, O_RDONLY, 0);
+    if (fd < 0) return -1;
+    struct lard_meta record = {};
+    const ssize_t n = pread(fd, &record, sizeof(record), 0);
+    {
+        const errno_keeper keep;
+        close_object(&fd);
+    }
+    if (n >= 0 && record.seg_pages == 0) errno = EAGAIN;
+    return n >= 0 && record.seg_pages != 0 ? 0 : -1;
+}
+
 lard_t lard_open(const char* name)
 {
     assert(NULL != name);

@@ -171,6 +171,26 @@ TEST_F(lard_reader, a_closed_one_leaves_no_descriptor)
 
 // ---- objects that are not what they say -----------------------------------------------------------------------
 
+TEST_F(lard_reader, it_can_be_asked_whether_there_is_something_to_open)
+{
+    const auto probe = [](const std::string& name) { return lard_probe(name.c_str()) == 0 ? 0 : errno; };
+    EXPECT_EQ(stderr_of([&] {
+                  EXPECT_EQ(probe(id.name), ENOENT);
+                  EXPECT_EQ(probe("a/b"), EINVAL);
+                  EXPECT_EQ(probe(std::string(256, 'n')), ENAMETOOLONG);
+                  make();
+                  EXPECT_EQ(probe(id.name), 0);
+                  writer->meta->seg_pages = 0;
+                  EXPECT_EQ(probe(id.name), EAGAIN);
+                  ASSERT_EQ(truncate(id.meta_path.c_str(), 0), 0);
+                  EXPECT_EQ(probe(id.name), EAGAIN);
+                  ASSERT_EQ(truncate(id.meta_path.c_str(), sizeof(struct lard_meta)), 0);
+              }),
+              "");
+    const char* name = nullptr;
+    EXPECT_DEATH((void)lard_probe(name), "Assertion `NULL != name' failed");
+}
+
 TEST_F(lard_reader, a_record_without_pages_is_an_assertion)
 {
     make();
