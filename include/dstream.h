@@ -68,7 +68,8 @@ struct sseg_ctx {
 // segment has to be whole TS packets, or it is STY_RAW and counts as one unit.
 // `*plen` and `*pcount` get the unit's length and the number of units; with both beliefs given they keep what they
 // have, except for STY_RAW. In a TS segment the searches that `*sseg` asks for are made; an index is 0 where
-// nothing was found. `*sseg` is untouched if it asks for nothing.
+// nothing was found. `*sseg` is untouched if it asks for nothing. A packet that the segment cuts off counts as far
+// as its bytes are there.
 // `plen`, `pcount` and `sseg` may each be null.
 int32_t probe_segment(const uint8_t* buf, size_t buflen, int32_t stype_id, size_t* plen, size_t* pcount,
                       struct sseg_ctx* sseg);

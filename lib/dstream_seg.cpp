@@ -93,7 +93,8 @@ void search_packets(bytes_view seg, size_t pkt_len, bool want_pat, bool want_pcr
             sseg->pat_idx = idx;
             want_pat = false;
         }
-        if (want_pcr && ts_has_pcr(pkt)) {
+        // Zeros that stand in for bytes cut off are no clock.
+        if (want_pcr && seg.size() - i >= tsf::pcr_end && ts_has_pcr(pkt)) {
             sseg->pcr_idx = idx;
             sseg->pcr = ts_pcr_base(pkt);
             want_pcr = false;

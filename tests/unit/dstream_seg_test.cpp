@@ -374,7 +374,8 @@ TEST(probe_segment, looks_at_a_cut_off_packet_without_leaving_the_segment)
         sseg_ctx s{1, 1, 0, 1};
         size_t plen = 188;
         probe_segment(mem.get(), len, STY_MPEGTS.num, &plen, nullptr, &s);
-        EXPECT_EQ(s.pcr_idx, len < 188 + 6 ? 0U : 2U) << len;
+        EXPECT_EQ(s.pcr_idx, len < 188 + 11 ? 0U : 2U) << len; // a PCR counts when all its bytes are there
+        EXPECT_EQ(s.pcr, len < 188 + 11 ? 0U : 90000U) << len;
         EXPECT_EQ(s.pat_idx, 0U);
     }
 }
