@@ -17,8 +17,10 @@
 //
 // Units: bytes, packets. Ownership: mmr_destroy releases all that mmr_create took. Addresses given by mmr_iget and
 // in records point into the ring; they last until mmr_destroy, their bytes until the ring has taken in about
-// `buflen` more. Results: 0, or as told at each function; negative and positive errno values stand side by side,
-// compare by value. One thread owns a ring, and nothing here may be called from a signal handler.
+// `buflen` more. The payload is for reading: capping remembers how far it has seen units in sync, and notices a
+// byte changed in place only when its unit is about to leave. Results: 0, or as told at each function; negative and
+// positive errno values stand side by side, compare by value. One thread owns a ring, and nothing here may be called
+// from a signal handler.
 #ifndef TV_MMR_H
 #define TV_MMR_H
 

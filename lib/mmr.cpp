@@ -248,7 +248,8 @@ void mmr_dump(const struct mm_ring* ring, FILE* fp)
                   static_cast<void*>(r.buf), r.buflen, static_cast<void*>(r.ext), r.ddz, r.ddz_len, r.mm_len);
     (void)fprintf(fp, "  stream: [%.4s] unit %zu bytes%s\n", r.stype.sym, r.ts_len,
                   r.opt.no_mtu_pack ? ", unpacked" : "");
-    (void)fprintf(fp, "  payload: %zu bytes at %ld\n", r.pld_size, static_cast<long>(r.pld_pos));
+    (void)fprintf(fp, "  payload: %zu bytes at %ld, %zu seen in sync\n", r.pld_size, static_cast<long>(r.pld_pos),
+                  r.synced_len);
     (void)fprintf(fp, "  packets: %s, %ld up to %ld\n", r.using_pktnums ? "numbered" : "not numbered",
                   static_cast<long>(r.first_pktnum), static_cast<long>(r.last_pktnum));
 }

@@ -562,9 +562,13 @@ TEST_F(mmr_validate_, objects_to_each_field_that_is_wrong)
         {"pld_pos above", [](struct mm_ring* r) { r->pld_pos = static_cast<off_t>(r->buflen) + 1; }},
         {"pld_pos unset with a unit", [](struct mm_ring* r) { r->pld_pos = -1; }},
         {"pld_size", [](struct mm_ring* r) { r->pld_size = r->buflen + 1; }},
+        {"synced_len above the payload", [](struct mm_ring* r) { r->synced_len = 3 * 188; }},
+        {"synced_len inside a unit", [](struct mm_ring* r) { r->synced_len = 187; }},
         {"first_pktnum", [](struct mm_ring* r) { r->first_pktnum = -1; }},
         {"last_pktnum", [](struct mm_ring* r) { r->last_pktnum = r->first_pktnum - 1; }},
     };
+    ring->synced_len = 2 * 188;
+    EXPECT_TRUE(mmr_validate(ring));
     const struct mm_ring sound = *ring;
     for (const damage& row : table) {
         row.do_it(ring);
@@ -582,6 +586,7 @@ TEST_F(mmr_dump_, prints_the_record_in_words)
     make_standing(2 * PAGE, 2000, ts_bytes(500, 2000));
     mmr_add_pkts(ring, 7);
     unpacked();
+    ring->synced_len = 188;
     char* mem = nullptr;
     size_t len = 0;
     FILE* fp = open_memstream(&mem, &len);
@@ -593,7 +598,7 @@ TEST_F(mmr_dump_, prints_the_record_in_words)
     EXPECT_NE(out.find("[" + name() + "]"), std::string::npos) << out;
     EXPECT_NE(out.find("ready, valid"), std::string::npos) << out;
     EXPECT_NE(out.find("[TS] unit 188 bytes, unpacked"), std::string::npos) << out;
-    EXPECT_NE(out.find("payload: 500 bytes at 2000"), std::string::npos) << out;
+    EXPECT_NE(out.find("payload: 500 bytes at 2000, 188 seen in sync"), std::string::npos) << out;
     EXPECT_NE(out.find("numbered, 0 up to 7"), std::string::npos) << out;
     EXPECT_NE(out.find("ring: none"), std::string::npos) << out;
 }
