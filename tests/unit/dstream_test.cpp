@@ -291,31 +291,58 @@ TEST(ds_find_dgram, says_at_debug_what_it_found)
     EXPECT_EQ(log.count("possible RTP-packet match"), 0U);
 }
 
+// The lines of a level but those of the probe, which tell an address.
+std::vector<std::string> steps(const LogCapture& log, int level)
+{
+    std::vector<std::string> out = log.messages(level);
+    std::erase_if(out, [](const std::string& line) { return line.starts_with("ts_probe: "); });
+    return out;
+}
+
+using lines = std::vector<std::string>;
+
 TEST(ds_find_dgram, tells_its_steps_with_tracing_on)
 {
     ds_trace trace;
     LogCapture log;
     find(cat({noise(3), cat(rtp_run(packets(14), 7))}));
-    EXPECT_EQ(log.count("ds_find_dgram: possible RTP-packet match at #3"), 1U);
-    EXPECT_EQ(log.count("get_rtp_pktlen: TS/188 packets underneath"), 1U);
-    EXPECT_EQ(log.count("get_rtp_pktlen: found next RTP marker at #1328"), 1U);
+    EXPECT_EQ(
+        steps(log, ll::debug),
+        (lines{"ds_find_dgram: possible RTP-packet match at #3", "get_rtp_pktlen: TS/188 packets underneath",
+               "get_rtp_pktlen: found next RTP marker at #1328", "ds_find_dgram: RTP stream, offset=3, pkt-len=1328"}));
+    log.clear();
     find(rtp(packets(7)));
-    EXPECT_EQ(log.count("get_rtp_pktlen: EOD assumed to be RTP-packet boundary"), 1U);
+    EXPECT_EQ(steps(log, ll::debug),
+              (lines{"ds_find_dgram: possible RTP-packet match at #0", "get_rtp_pktlen: TS/188 packets underneath",
+                     "get_rtp_pktlen: EOD assumed to be RTP-packet boundary",
+                     "ds_find_dgram: RTP stream, offset=0, pkt-len=1328"}));
+    log.clear();
     find(rtp(packets(7)), DS_DGRAM_BUF);
-    EXPECT_EQ(log.count("get_rtp_pktlen: RTP size = datagram size: 1328 bytes"), 1U);
-    find(rtp(packets(1)));
-    EXPECT_EQ(log.count("get_rtp_pktlen: invalid RTP footer length 0"), 1U);
+    EXPECT_EQ(steps(log, ll::debug),
+              (lines{"ds_find_dgram: possible RTP-packet match at #0", "get_rtp_pktlen: TS/188 packets underneath",
+                     "get_rtp_pktlen: RTP size = datagram size: 1328 bytes",
+                     "ds_find_dgram: RTP stream, offset=0, pkt-len=1328"}));
+    EXPECT_EQ(steps(log, ll::error), lines{});
 }
 
-TEST(ds_find_dgram, tells_of_a_cut_header_with_tracing_on)
+TEST(ds_find_dgram, tells_at_error_why_it_refuses_with_tracing_on)
 {
     ds_trace trace;
     LogCapture log;
-    const bytes whole = rtp(packets(7));
+    find(rtp(packets(1)));
+    EXPECT_EQ(steps(log, ll::error), (lines{"get_rtp_pktlen: invalid RTP footer length 0"}));
+    log.clear();
+    find(rtp(packets(7)).padding(20)); // no header where the strides lead, up to 1400
+    EXPECT_EQ(steps(log, ll::error), (lines{"get_rtp_pktlen: failed to find next RTP datagram"}));
+    log.clear();
+    find(cat(rtp_run(packets(10), 5)));
+    EXPECT_EQ(steps(log, ll::error), (lines{"get_rtp_pktlen: port-RTP probe failed"}));
+    log.clear();
+    const bytes whole = rtp(packets(7)); // what is left of its header is not looked at
     int32_t stype = 0;
     size_t pkt_len = 0;
     EXPECT_EQ(ds_find_dgram(whole.data(), 11, &stype, &pkt_len, 0), -1);
-    EXPECT_EQ(log.count("get_rtp_pktlen: RTP header exp/got=12/-12 bytes"), 1U);
+    EXPECT_EQ(steps(log, ll::error), (lines{"get_rtp_pktlen: RTP header exp/got=12/-12 bytes"}));
 }
 
 TEST(ds_flags, start_at_0_and_are_kept)
