@@ -1,4 +1,4 @@
-// The configuration sections that all programs of the family have: a log section and a runtime section.
+// The configuration sections that the programs of the family share: log, runtime, and request listeners.
 //
 // A section is read from a libconfig group into a plain record, shown with a dump function, and applied to a log
 // channel. Reading a section sets every field of its record: a missing key gets the default of load_..., not what
@@ -16,6 +16,7 @@
 #include <cstdio>
 
 struct log_ctx;
+struct rui_cfg; // rui.h
 
 // ---- records --------------------------------------------------------------------------------------------------
 
@@ -77,5 +78,19 @@ int load_rt_config(config_setting_t* s, struct rt_cfg* rt);
 
 // Writes the section as text.
 void dump_rt_config(FILE* fp, const struct rt_cfg* rt);
+
+// ---- request listeners ----------------------------------------------------------------------------------------
+
+// Reads `user`, `admin`, `custom` (each a group for one listener or a list of up to four), `max_to_accept`, and for the
+// classes that are there `user_request_timeout`, `admin_request_timeout`, `custom_request_timeout` (ms). 0 or -1; bad
+// numbers are said on stderr, the rest is logged. Unlike the other sections this one leaves alone what it has no key
+// for: the listeners of a class that is missing, and its time-out.
+// By design `max_to_accept` must be there, though it has a default.
+// After a failure the listeners read before it stay valid, with their interfaces, for rui_cfg_free.
+// Requires: the record is cleared or holds defaults, and owns no interface.
+int load_rui_config(config_setting_t* s, struct rui_cfg* rui);
+
+// Writes the section as text.
+void dump_rui_config(FILE* fp, const struct rui_cfg* rui);
 
 #endif // COMMON_APPCFG_H
