@@ -4,7 +4,10 @@ import time
 
 import pytest
 
+import tsfile as ts
+import tsmodel
 from conftest import wait_until
+from livefeed import PACKED, PACKET, LiveFeed, RingModel
 
 PERIOD = "config_reload_period = 1; "
 
@@ -79,3 +82,34 @@ def test_a_deleted_file_is_complained_of_and_read_when_it_returns(fed):
     kvt.write_config(extra=PERIOD)
     feed_until(kvt, feed, "updated, re-loading config")
     assert kvt.stop() == 0
+
+
+@pytest.mark.parametrize("at_start", [True, False])
+def test_the_analyzer_stays_on_or_off_for_the_whole_run(kvt, tcp_server, clean_stream, at_start):
+    def write(enabled):
+        kvt.write_config(extra=PERIOD + "cache: { size_mb = 1; };")
+        text = kvt.config_path.read_text()
+        kvt.config_path.write_text(text.replace("{ enabled = true;", f"{{ enabled = {str(enabled).lower()};"))
+
+    write(at_start)
+    server = tcp_server()
+    kvt.start("-T", "-i", f"tcp://127.0.0.1:{server.port}", "-S", "chan1").wait_reading()
+    feed = LiveFeed(kvt, server.accept(), clean_stream * 4, RingModel(record=PACKET if at_start else PACKED))
+    feed.send_up_to(2 * len(clean_stream), [1316])
+    before = kvt.config_path.stat().st_mtime
+    write(not at_start)
+    os.utime(kvt.config_path, (before + 2, before + 2))
+
+    def reloaded():
+        feed.send(PACKET)
+        time.sleep(0.05)
+        return "updated, re-loading config" in kvt.log_text()
+
+    wait_until(reloaded, "the reload")
+    feed.send_up_to(4 * len(clean_stream), [1316])  # the ring turns over
+    assert kvt.stop() == 0
+    assert ("using PAT" in kvt.log_text()) == at_start
+    # Counters break where the stream begins anew, and every break is seen, or none.
+    breaks = tsmodel.continuity_breaks(list(ts.packets(clean_stream * 4)))
+    assert len(breaks) > 3
+    assert len(kvt.alerts("CC-BRK")) == (len(breaks) if at_start else 0)
