@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <utility>
 
 TV_LOG_MODULE(app_int::log_module)
 
@@ -192,7 +193,7 @@ int load_config(struct kvti_cfg* cfg, bool reload)
 
 int config_reload_check()
 {
-    if (time(nullptr) - g_ctx.config_load_tm < static_cast<time_t>(g_cfg.reload_period)) return 0;
+    if (std::cmp_less(time(nullptr) - g_ctx.config_load_tm, g_cfg.reload_period)) return 0;
     // By design the time of the last load stays: from here on each call looks at the file until it has changed.
     if (!chk_file_updated(g_cfg.config_path, &g_ctx.config_mtime)) return 0;
     tv_log(ll::normal, "[%s] updated, re-loading config\n", g_cfg.config_path);
@@ -232,6 +233,7 @@ void dump_config(FILE* fp, const struct kvti_cfg* cfg)
     fprintf(fp, "\tDirectory      = %s\n", cfg->snap_dir);
     fprintf(fp, "\tFile prefix    = %s\n", cfg->snap_pfx);
     if (cfg->pkt_reset_idx != 0) fprintf(fp, "\tReset index    = %lu\n", cfg->pkt_reset_idx);
+    // By design with three blanks: the sign stands one column to the right of its neighbours.
     if (cfg->reload_period != 0) fprintf(fp, "\tReload period   = %zu sec\n", cfg->reload_period);
 
     fputs("Stats:\n", fp);

@@ -9,6 +9,7 @@
 
 #include <cassert>
 #include <ctime>
+#include <utility>
 
 TV_LOG_MODULE(app_int::log_module)
 
@@ -33,7 +34,7 @@ void update_tps(size_t nbytes)
     tps->total_pkts += 1;
 
     const time_t delta_tm = now - last_report_tm;
-    if (delta_tm < static_cast<time_t>(g_cfg.report_tput_sec)) return;
+    if (std::cmp_less(delta_tm, g_cfg.report_tput_sec)) return;
     const double span_sec = static_cast<double>(delta_tm);
     tps->total_sec += span_sec;
     tps->lavg_speed = (tps->total_bytes - last_total) / span_sec;

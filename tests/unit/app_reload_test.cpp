@@ -60,6 +60,15 @@ TEST_F(app_cfg_reload, period_must_have_passed)
     EXPECT_EQ(g_ctx.config_load_tm, 1000010);
 }
 
+TEST_F(app_cfg_reload, period_that_is_negative_in_the_file_never_passes)
+{
+    change("cache: { tail_size_mb = 5; };");
+    g_cfg.reload_period = static_cast<size_t>(-1);
+    fake_clock::advance_sec(1000);
+    EXPECT_EQ(config_reload_check(), 0);
+    EXPECT_EQ(g_cfg.tail_sz_mb, 3u);
+}
+
 TEST_F(app_cfg_reload, unchanged_file_is_looked_at_until_it_changes)
 {
     fake_clock::advance_sec(10);

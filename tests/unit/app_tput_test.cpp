@@ -47,6 +47,26 @@ TEST_F(app_tput, report_comes_when_the_period_has_passed)
     EXPECT_EQ(alerts.messages(), strings{"STAT TPS chan1 20.00 2 2.00 2.00 0.00"});
 }
 
+// A negative number in the file is a period without end, and no report of a span of 0 seconds with each read.
+TEST_F(app_tput, period_that_is_negative_in_the_file_never_passes)
+{
+    g_cfg.report_tput_sec = static_cast<size_t>(-1);
+    for (int i = 0; i < 3; ++i) {
+        update_tps(1000);
+        fake_clock::advance_sec(1000);
+    }
+    EXPECT_EQ(alerts.messages(), strings{});
+    EXPECT_EQ(g_ctx.tps.total_pkts, 3.0);
+}
+
+TEST_F(app_tput, clock_that_goes_back_brings_no_report)
+{
+    update_tps(1000);
+    fake_clock::set(500);
+    update_tps(1000);
+    EXPECT_EQ(alerts.messages(), strings{});
+}
+
 TEST_F(app_tput, local_speed_is_of_the_last_period_and_global_speed_of_all)
 {
     update_tps(0);
