@@ -204,6 +204,22 @@ TEST_F(app_feed, lost_sync_is_alerted_and_the_bytes_are_carried_over)
     EXPECT_EQ(alerts.count("ALERT LOST-SYNC chan1 1 "), 1u);
 }
 
+TEST_F(app_feed, stray_bytes_ahead_of_a_loss_are_not_carried_over)
+{
+    with_alert_log();
+    world.feed(akit::clean_stream(10));
+    const bytes bad = tsb::cat({akit::clean_stream(2), tsb::noise(PKT)});
+    EXPECT_EQ(world.feed(tsb::cat({tsb::noise(5), bad})), 0);
+    EXPECT_EQ(feed().tail_size, bad.size());
+    EXPECT_EQ(memcmp(g_ctx.abuf, bad.data(), bad.size()), 0);
+    EXPECT_EQ(log.count("mmr_oget_buf: ["), 1u);
+    // The rest begins in sync, so that the next read skips nothing.
+    EXPECT_EQ(world.feed(akit::clean_stream(1)), 0);
+    EXPECT_EQ(log.count("mmr_oget_buf: ["), 1u);
+    EXPECT_EQ(alerts.count("ALERT LOST-SYNC chan1 "), 2u);
+    EXPECT_EQ(analyzed(), 10u);
+}
+
 TEST_F(app_feed, packets_ahead_of_a_loss_far_behind_are_analyzed)
 {
     with_alert_log();
