@@ -21,9 +21,9 @@ LEVELS = {
 }
 LEVEL = {name: level for level, names in LEVELS.items() for name in names}
 # Any source may log, make checked calls and read the signal flags; the loop's clock is read by the time utilities, and
-# the log core hands its lines to the ring log.
+# the log core hands its lines to the ring log; a paced transfer asks an index what to send next.
 ANYWHERE = {"log", "syswrap", "util", "tvtypes"}
-AGREED = {("timeop.cpp", "rqs"), ("log.cpp", "lard")}
+AGREED = {("timeop.cpp", "rqs"), ("log.cpp", "lard"), ("fdio_transfer.cpp", "tsix")}
 LINE_LIMIT = 800
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 
