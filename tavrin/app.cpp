@@ -205,7 +205,6 @@ int open_source()
 // One run of the loop.
 struct capture {
     size_t max_pld_left; // the ring is capped to this payload before each read
-    bool is_analyzed;    // the analyzer sees the run, or it does not: packets are numbered from its start to its end
     const char* where;   // the step that fails, for the last message
     struct mm_point pt;  // where the read goes, and how much
     uint8_t* dest;       // the same as an address
@@ -303,13 +302,16 @@ turn take_data(capture* c)
     const size_t nrd = c->pt.len;
     int rc = mmr_iput(g_ctx.mmr, &c->pt);
     if (rc != 0) return leave(c, "mmr_iput", rc);
-    if (c->is_analyzed) {
+    // A reload may switch the analyzer off and on.
+    if (g_cfg.tsa.is_enabled) {
         rc = analyze_input(c->dest, nrd);
         if (rc != 0) return leave(c, "process_input", rc);
+    } else {
+        app_int::feed_pass_by(nrd);
     }
     if (g_cfg.report_tput_sec != 0) update_tps(nrd);
     if (g_ctx.must_count_tail) count_tail(nrd);
-    if (c->is_analyzed) check_stats();
+    if (g_cfg.tsa.is_enabled) check_stats();
     // A failing reload keeps the settings as they are, and has said so.
     if (g_cfg.reload_period != 0) (void)config_reload_check();
     return turn::again;
@@ -403,10 +405,7 @@ int init_kvti_ctx()
 
 int run_app()
 {
-    // A reload changes neither of these two for a run: the ring counts packets out that it has counted in, so that
-    // an analyzer switched on or off on the way would leave it with fewer than none.
     capture c = {.max_pld_left = app_int::max_payload(&g_cfg),
-                 .is_analyzed = g_cfg.tsa.is_enabled,
                  .where = "",
                  .pt = {},
                  .dest = nullptr,

@@ -153,8 +153,8 @@ int runtime_setup();
 // Requires: not ready yet (a plain assertion otherwise).
 int init_kvti_ctx();
 // The capture loop: reads the source into the ring until g_quit, the end of the data or a failing step. 0 for the
-// first two, otherwise the failure; it is logged with the name of the step. Whether the analyzer is on and how many
-// bytes the ring keeps vacant are taken from g_cfg once, at the start: a reload changes neither for the run.
+// first two, otherwise the failure; it is logged with the name of the step. How many bytes the ring keeps
+// vacant is taken from g_cfg once, at the start: a reload does not change it for the run.
 // Requires: init_kvti_ctx returned 0.
 int run_app();
 // Acts on at most one pending snapshot flag; the flag stays set on failure, so that the next call tries again.

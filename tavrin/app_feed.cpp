@@ -39,6 +39,8 @@ constexpr struct mm_opt FEED_OPT = {.no_mtu_pack = true};
 
 constinit struct process_ctx pctx = {};
 constinit struct iovec segs[MAX_SEGS] = {};
+constinit bool numbered = false;   // the ring numbers packets: analysis has run
+constinit size_t passed_bytes = 0; // came in while the analyzer was off, and are not counted yet
 constinit time_t first_notice = 0;
 constinit time_t last_notice = 0;
 
@@ -207,11 +209,36 @@ void renumber()
     tsan_set_pidx(g_ctx.tc, pctx.pkt_idx);
 }
 
+// The analyzer is on again, or at last: counts what stands in the ring from the time without it. One more than whole
+// units, since the two sides of a switch may share one; the ring must never count out more than has come in.
+void count_passed(size_t buflen)
+{
+    size_t units = 1;
+    if (!numbered) {
+        struct mm_info mi = {};
+        mmr_get_info(g_ctx.mmr, &mi);
+        const size_t held = mi.pld_size > buflen ? mi.pld_size - buflen : 0;
+        units += std::min(held, passed_bytes) / pctx.info.ts_len;
+    }
+    mmr_add_pkts(g_ctx.mmr, units);
+    passed_bytes = 0;
+}
+
 } // namespace
 
 const struct process_ctx* app_int::feed_state()
 {
     return &pctx;
+}
+
+void app_int::feed_pass_by(size_t nbytes)
+{
+    // What is carried over waits for bytes that the feed will not see.
+    passed_bytes += nbytes + pctx.tail_size;
+    pctx.tail_size = 0;
+    if (!numbered) return;
+    mmr_add_pkts(g_ctx.mmr, passed_bytes / pctx.info.ts_len);
+    passed_bytes %= pctx.info.ts_len;
 }
 
 // ---- public ---------------------------------------------------------------------------------------------------
@@ -223,6 +250,7 @@ int analyze_input(uint8_t* buf, size_t buflen)
         const int rc = learn_stream();
         if (rc != 0 || pctx.info.ts_len == 0) return rc;
     }
+    if (passed_bytes != 0) count_passed(buflen);
     batch b = start_batch(buf, buflen);
     int rc = process_batch(&b);
     if (rc == 0) rc = carry_over(b.data, b.nleft);
@@ -230,6 +258,7 @@ int analyze_input(uint8_t* buf, size_t buflen)
 
     renumber();
     mmr_add_pkts(g_ctx.mmr, b.total_pkts);
+    numbered = true;
     pctx.pkt_count += b.total_pkts;
     pctx.pkt_idx += b.total_pkts;
     return 0;

@@ -45,6 +45,10 @@ void copy_text(char* dst, size_t dstlen, const char* src);
 // The feed's state, for tests and the dump.
 const struct process_ctx* feed_state();
 
+// Takes note of bytes that went into the ring while the analyzer is off. Packets that leave the ring are counted once
+// numbering is in use, so those that come in past the analyzer have to be counted, too.
+void feed_pass_by(size_t nbytes);
+
 // The first invariant of the run-time state that does not hold, in words; null if all hold. No effects.
 const char* validate_ctx(const struct kvti_ctx* ctx, const struct process_ctx* feed);
 // The run-time state in words, for the debugger and a failed test.

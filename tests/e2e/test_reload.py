@@ -85,7 +85,7 @@ def test_a_deleted_file_is_complained_of_and_read_when_it_returns(fed):
 
 
 @pytest.mark.parametrize("at_start", [True, False])
-def test_the_analyzer_stays_on_or_off_for_the_whole_run(kvt, tcp_server, clean_stream, at_start):
+def test_a_reload_switches_the_analyzer_while_the_ring_turns_over(kvt, tcp_server, clean_stream, at_start):
     def write(enabled):
         kvt.write_config(extra=PERIOD + "cache: { size_mb = 1; };")
         text = kvt.config_path.read_text()
@@ -108,8 +108,9 @@ def test_the_analyzer_stays_on_or_off_for_the_whole_run(kvt, tcp_server, clean_s
     wait_until(reloaded, "the reload")
     feed.send_up_to(4 * len(clean_stream), [1316])  # the ring turns over
     assert kvt.stop() == 0
-    assert ("using PAT" in kvt.log_text()) == at_start
-    # Counters break where the stream begins anew, and every break is seen, or none.
+    # Switched on later it follows the stream, but with the settings of the start, which check nothing.
+    assert "using PAT" in kvt.log_text()
+    seen = len(kvt.alerts("CC-BRK"))
+    # Counters break where the stream begins anew; those behind the reload are not looked at.
     breaks = tsmodel.continuity_breaks(list(ts.packets(clean_stream * 4)))
-    assert len(breaks) > 3
-    assert len(kvt.alerts("CC-BRK")) == (len(breaks) if at_start else 0)
+    assert 0 < seen < len(breaks) if at_start else seen == 0

@@ -498,19 +498,20 @@ TEST(app_stats, report_goes_to_the_terminal_for_users_at_debug_only)
     EXPECT_EQ(mirrored_reports(0, ll::debug).find("tsan_stats BEGIN"), std::string::npos);
 }
 
-// A reload may put another value in place; numbers of packets and the feed's carry-over follow one stream.
-TEST_F(app_dgram_loop, analysis_is_on_or_off_for_the_whole_run)
+// A reload may switch it while the ring turns over: what leaves the ring must have been counted in.
+TEST_F(app_dgram_loop, analysis_follows_the_setting_at_each_read)
 {
-    const int total = 3 * (1 << 20) / 1316; // the ring turns over
+    const int total = 3 * (1 << 20) / 1316; // the ring turns over before the switch, and behind it
     for (const bool on : {true, false}) {
         const outcome o = in_child([&] {
             g_cfg.tsa.is_enabled = on;
             scripted_recv = [&](int call, void* buf, size_t) -> ssize_t {
-                if (call == total / 2) g_cfg.tsa.is_enabled = !on;
+                if (call == total / 2 || call == total - 10) g_cfg.tsa.is_enabled = !g_cfg.tsa.is_enabled;
                 return call <= total ? next_dgram(buf) : (errno = 0, 0);
             };
             if (run_app() != 0) _exit(1);
-            _exit(tsan_get_pidx(g_ctx.tc) == (on ? 7u * static_cast<unsigned>(total) : 0u) ? 0 : 2);
+            const int seen = on ? total / 2 - 1 + 11 : total - 10 - total / 2;
+            _exit(tsan_get_pidx(g_ctx.tc) == 7u * static_cast<unsigned>(seen) ? 0 : 2);
         });
         EXPECT_EQ(o.status, 0) << on << o.err;
     }
