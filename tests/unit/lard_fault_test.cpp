@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <regex>
 #include <string>
 
 namespace
@@ -127,14 +128,10 @@ protected:
         EXPECT_TRUE(exists(meta_path) && exists(data_path));
         return without_fd(said);
     }
-    static std::string without_fd(std::string said)
+    static std::string without_fd(const std::string& said)
     {
-        const size_t fd = said.find("fd");
-        if (fd == std::string::npos) return said;
-        size_t end = fd + 2;
-        while (end < said.size() && isdigit(static_cast<unsigned char>(said[end])))
-            ++end;
-        return said.replace(fd, end - fd, "%fd");
+        // Not any "fd": the address of a mapping may have one, too.
+        return std::regex_replace(said, std::regex("([ (])fd[0-9]+"), "$1%fd");
     }
 
     const std::string name = "lard_fault_test." + std::to_string(getpid());
