@@ -199,6 +199,21 @@ class Kvt:
 SNAPSHOTS_HERE = 'snapshot: { dir_path = "."; };'  # in the folder of the run, for write_config's extra
 
 
+def remove_left_rings():
+    """A ring whose process was killed stays, and is in the way of a later process of the same ID."""
+    for path in SHM.glob("mmr.*.*"):
+        pid = path.name.split(".")[1]
+        if pid.isdigit() and not Path("/proc", pid).exists():
+            path.unlink(missing_ok=True)
+
+
+@pytest.fixture(scope="session", autouse=True)
+def no_left_rings():
+    remove_left_rings()
+    yield
+    remove_left_rings()
+
+
 @pytest.fixture
 def kvt_factory(tmp_path):
     runs = []
