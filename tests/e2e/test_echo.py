@@ -1,0 +1,226 @@
+"""The example service `echo` as a process: connections over TCP and a local socket, load, time-outs, its end."""
+import os
+import re
+import resource
+import signal
+import socket
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from conftest import ASAN_BUILD, BUILD, DEADLINE, free_port, wait_until
+
+PIECE = b"0123456789abcdef" * 1024
+
+
+class Echo:
+    def __init__(self, folder):
+        self.folder = folder
+        self.port = free_port(socket.SOCK_STREAM)
+        self.path = str(folder / "echo.sock")
+        self.log_path = folder / "echo.log"
+        self.process = None
+
+    def start(self, extra="", build=BUILD, descriptors=None):
+        config = self.folder / "echo.conf"
+        config.write_text(f"""echo: {{
+            user: ( {{ alias = "tcp"; default_af = "inet"; port = {self.port}; }},
+                    {{ alias = "local"; domain_path = "{self.path}"; }} );
+            max_to_accept = 128; {extra} }};""")
+
+        def limit():
+            if descriptors:
+                resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))
+
+        self.process = subprocess.Popen([build / "example_echo", "-v", config], stderr=self.log_path.open("wb"),
+                                        preexec_fn=limit)
+        wait_until(lambda: "Entering event loop" in self.log() or self.process.poll() is not None, "the listeners")
+        return self
+
+    def log(self):
+        return self.log_path.read_text(errors="replace")
+
+    def tcp(self):
+        return self.connect(socket.AF_INET, ("127.0.0.1", self.port))
+
+    def local(self):
+        return self.connect(socket.AF_UNIX, self.path)
+
+    @staticmethod
+    def connect(family, address):
+        sock = socket.socket(family)
+        sock.settimeout(DEADLINE)
+        sock.connect(address)
+        return sock
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def stop(self, number=signal.SIGTERM):
+        self.process.send_signal(number)
+        return self.process.wait(DEADLINE)
+
+
+def builds():
+    return [pytest.param(b, id=b.name) for b in (BUILD, ASAN_BUILD) if b == BUILD or (b / "example_echo").exists()]
+
+
+@pytest.fixture
+def echo(tmp_path):
+    service = Echo(tmp_path)
+    yield service
+    if service.process and service.process.poll() is None:
+        service.process.kill()
+        service.process.wait()
+
+
+def take(sock, size):
+    data = b""
+    while len(data) < size:
+        piece = sock.recv(size - len(data))
+        assert piece, f"closed after {len(data)} of {size} bytes"
+        data += piece
+    return data
+
+
+@pytest.mark.parametrize("build", builds())
+def test_what_is_sent_comes_back(echo, build):
+    echo.start(build=build)
+    for sock in (echo.tcp(), echo.local()):
+        with sock:
+            for text in (b"x", b"two words", PIECE):
+                sock.sendall(text)
+                assert take(sock, len(text)) == text
+            sock.shutdown(socket.SHUT_WR)
+            assert sock.recv(1) == b""
+    assert echo.stop() == 0
+    log = echo.log()
+    assert re.search(rf"STARTED listener fd\d+ for usr requests on all:{echo.port}; 0 requests pending", log)
+    assert re.search(rf"STARTED listener fd\d+ for usr requests on {echo.path}:; 0 requests pending", log)
+    assert len(re.findall(r"Accepted usr request \[fd=\d+\] from ", log)) == 2
+    assert "(ERR)" not in log
+
+
+@pytest.mark.parametrize("build", builds())
+def test_a_peer_that_does_not_read_holds_nobody_up(echo, build):
+    echo.start(build=build)
+    with echo.tcp() as slow, echo.tcp() as other:
+        slow.setblocking(False)
+        sent = 0
+        with pytest.raises(BlockingIOError):  # both directions are full: the service waits to write
+            while True:
+                sent += slow.send(PIECE)
+        other.sendall(b"still there?")
+        assert take(other, 12) == b"still there?"
+        slow.settimeout(DEADLINE)
+        want = PIECE * (sent // len(PIECE) + 1)
+        assert take(slow, sent) == want[:sent]
+
+
+@pytest.mark.parametrize("build", builds())
+def test_a_peer_that_resets_its_connection_is_gone(echo, build):
+    echo.start(build=build)
+    before = echo.descriptors()
+    for _ in range(20):
+        sock = echo.tcp()
+        sock.sendall(PIECE)
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
+        sock.close()
+    wait_until(lambda: echo.descriptors() == before and echo.log().count("rm_request: OK") == 20, "the removals")
+    assert echo.stop() == 0
+
+
+def test_a_silent_connection_times_out(echo):
+    echo.start("user_request_timeout = 200;")
+    with echo.tcp() as sock:
+        assert sock.recv(1) == b""
+    assert "tmout_srv: 1 [usr] requests timed out" in echo.log()
+
+
+def test_a_listener_stops_at_its_maximum_and_resumes_below_three_quarters(echo):
+    echo.start("max_requests = 4;")
+    with echo.local() as held:  # of another listener: not counted
+        socks = [echo.tcp() for _ in range(4)]
+        wait_until(lambda: "wll be closed (4 requsts queued)" in echo.log(), "the stop")
+        with pytest.raises(ConnectionRefusedError):
+            echo.tcp()
+        socks.pop().close()
+        wait_until(lambda: echo.log().count("rm_request: OK") == 1, "the removal")
+        with pytest.raises(ConnectionRefusedError):  # three of four: not yet
+            echo.tcp()
+        socks.pop().close()
+        wait_until(lambda: "; 2 requests pending" in echo.log(), "the resumption")
+        with echo.tcp() as again:
+            again.sendall(b"back")
+            assert take(again, 4) == b"back"
+        for sock in socks + [held]:  # those queued all the time
+            sock.sendall(b"here")
+            assert take(sock, 4) == b"here"
+            sock.close()
+    assert echo.stop() == 0
+
+
+def test_a_service_without_descriptors_goes_on_when_it_has_some(echo):
+    echo.start(descriptors=12)
+    socks = [echo.tcp() for _ in range(12)]
+    wait_until(lambda: "ERROR(24)" in echo.log(), "the shortage")
+    for sock in socks:
+        sock.close()
+
+    def works():
+        try:
+            with echo.tcp() as sock:
+                sock.sendall(b"hello")
+                return sock.recv(5) == b"hello"
+        except (ConnectionRefusedError, ConnectionResetError):
+            return False
+
+    wait_until(works, "a connection")
+    assert echo.stop() == 0
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
+def test_it_ends_in_order_with_connections_open(echo, number):
+    echo.start()
+    with echo.tcp() as sock, echo.local() as other:
+        sock.sendall(b"x")
+        assert take(sock, 1) == b"x"
+        other.sendall(b"y")
+        assert take(other, 1) == b"y"
+        assert echo.stop(number) == 0
+        assert sock.recv(1) == b""
+        assert other.recv(1) == b""
+
+
+@pytest.mark.parametrize("extra, said", [
+    ("max_to_accept = 0;", "Invalid max_accept valie (0)"),
+    ("user_request_timeout = 0;", "Invalid user_request_tmout valie (0)"),
+    ("admin: { port = 70000; };", "load_listener_from: invalid port value: [70000]"),
+    ("admin: { protocol = \"sctp\"; port = 1; };", "load_listener_from: invald protocol for []: sctp"),
+    ("admin: { ifc = \"nosuchifc\"; port = 1; };", "invalid network interface name/address: nosuchifc"),
+    ("max_to_accept", "syntax error"),
+])
+def test_a_bad_configuration_ends_it_with_a_word(echo, extra, said):
+    text = extra if "max_to_accept" in extra else "max_to_accept = 1; " + extra
+    config = echo.folder / "bad.conf"
+    config.write_text(f"echo: {{ user: {{ port = {echo.port}; }}; {text} }};")
+    done = subprocess.run([BUILD / "example_echo", config], capture_output=True, text=True, timeout=DEADLINE)
+    assert done.returncode == 1
+    assert said in done.stderr
+
+
+def test_a_port_that_is_taken_by_another_user_of_it_ends_the_start(echo):
+    with socket.socket() as taken:
+        taken.bind(("127.0.0.1", echo.port))
+        taken.listen()
+        echo.start()
+        assert echo.process.wait(DEADLINE) == 1
+    assert "rui_start_listener: failed to start usr listener" in echo.log()
+
+
+def test_the_command_line_needs_a_file(echo):
+    assert subprocess.run([BUILD / "example_echo"], timeout=DEADLINE).returncode == 2
+    done = subprocess.run([BUILD / "example_echo", Path("/nonexistent.conf")], capture_output=True, text=True,
+                          timeout=DEADLINE)
+    assert done.returncode == 1 and "/nonexistent.conf" in done.stderr
