@@ -125,6 +125,13 @@ def test_an_interface_with_a_global_address_gives_a_link_local_group_no_zone(kvt
     assert_ends(by_zone, link)
 
 
+def test_a_zone_alone_does_not_say_where_to_join(kvt, link):
+    """The zone is the bind's; the join goes where the routing table says, so that -m is needed beside it."""
+    watch(kvt, link, f"udp://[{LINK_GROUP6}%rx0]:{PORT}")
+    assert link.receiver.groups() == {("rx1", LINK_GROUP6): 1}
+    assert_ends(kvt, link)
+
+
 def test_an_interface_local_group_is_joined_where_it_is_told(kvt, link):
     watch(kvt, link, f"udp://[{HOST_GROUP6}]:{PORT}", "-m", "rx0")
     assert link.receiver.groups() == {("rx0", HOST_GROUP6): 1}
