@@ -15,4 +15,5 @@ done
 if [[ -z ${1:-} ]]; then
     bench/e2e_tcp.py build-bench
     bench/index_big.py build-bench
+    bench/soak_echo.py build-bench
 fi
