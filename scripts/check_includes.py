@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Checks that include arrows run one way and that sources keep to their size.
 
-Layers: lib/ uses include/ only; common/ uses lib; tavrin/ and tools/ use common and lib. Inside the library each
+Layers: lib/ uses include/ only; common/ uses lib; tavrin/, tools/ and examples/ use common and lib. Inside the library each
 module has a level, and a public header includes headers of lower levels only. A private header (x_int.h) belongs to
 its module's own sources.
 """
@@ -59,7 +59,7 @@ def check_upper(path, layer, forbidden):
     for name in INCLUDE.findall(path.read_text()):
         if name.split("/")[0] in forbidden:
             problems.append(f"{path.relative_to(ROOT)}: {layer} includes {name}")
-        if name.endswith("_int.h") and path.suffix == ".cpp" and layer == "tools":
+        if name.endswith("_int.h") and path.suffix == ".cpp" and layer in ("tools", "examples"):
             problems.append(f"{path.relative_to(ROOT)}: includes the private header {name}")
 
 
@@ -71,11 +71,12 @@ for path in sorted(ROOT.glob("common/*.*")):
 for path in sorted(ROOT.glob("tavrin/*.*")):
     if path.suffix in (".h", ".cpp"):
         check_upper(path, "tavrin", {"tools"})
-for path in sorted(ROOT.glob("tools/*.*")):
-    if path.suffix in (".h", ".cpp"):
-        check_upper(path, "tools", {"tavrin"})
+for layer in ("tools", "examples"):
+    for path in sorted(ROOT.glob(f"{layer}/*.*")):
+        if path.suffix in (".h", ".cpp"):
+            check_upper(path, layer, {"tavrin"})
 
-for folder in ("include", "lib", "common", "tavrin", "tools", "fuzz", "bench"):
+for folder in ("include", "lib", "common", "tavrin", "tools", "examples", "fuzz", "bench"):
     for path in sorted([*ROOT.glob(f"{folder}/*.h"), *ROOT.glob(f"{folder}/*.cpp")]):
         lines = len(path.read_text().splitlines())
         if lines > LINE_LIMIT:
