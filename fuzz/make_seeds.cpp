@@ -174,6 +174,53 @@ void make_texts()
     seed("http", "long_tail", "HTTP/1.1 200 OK\r\n\r\n" + std::string(600, 'G'));
 }
 
+void make_requests()
+{
+    const std::string_view headers = " HTTP/1.1\r\nHost: example.com:80\r\nUser-Agent: A b/1 (c; d)\r\nConnection: "
+                                     "keep-alive\r\nAccept-Encoding: gzip, deflate\r\nContent-Length: 42\r\n\r\n";
+    const auto get = [&](const char* name, const std::string& target) {
+        seed("request", name, "GET " + target + std::string(headers));
+    };
+    get("relay", "/udp/239.1.1.1:5000/");
+    get("pair", "/src/udp/239.1.1.1:5000/dst/a%20b.ts?x=1");
+    get("alias", "/$chan?utime=900&duration=now");
+    get("fragment", "/hls-fra/ch/1.ts");
+    get("playlist", "/h/hls-m3u/ch/playlist_dvr_range-900-now.m3u8");
+    get("ping", "/ping");
+    get("no_path", "/");
+    get("cut_escape", "/$a%4");
+    get("authority", "http://user@host/a@b?c@d");
+    get("long_query", "/$a?" + std::string(255, 'q'));
+    seed("request", "head_1_0", "HEAD /favicon.ico HTTP/1.0\nConnection: close\n\n");
+    seed("request", "post", "POST / HTTP/1.1\r\n\r\n");
+    seed("request", "no_protocol", "GET /a");
+    seed("request", "long_headers",
+         "GET /$a HTTP/1.1\r\nHost: " + std::string(64, 'h') + "\r\nUser-Agent: " + std::string(128, '@') +
+             "\r\nAccept-Encoding: " + std::string(32, 'e') + "\r\nContent-Length: " + std::string(40, '9') +
+             "\r\n\r\n");
+    seed("request", "zero_in_path", std::string_view("GET /a\0b HTTP/1.1\r\nHost: h\r\n\r\n", 30));
+
+    seed("query", "pairs", "utime=900&duration=60&vod=1");
+    seed("query", "escapes", "a+b=%41%zz&%4a=%ff&c=");
+    seed("query", "twice", "a=1&%61=2");
+    seed("query", "limits", std::string(31, 'n') + "=" + std::string(32, 'v') + "&x=" + std::string(33, 'v'));
+    std::string many;
+    for (int i = 0; i < 130; ++i)
+        many += "n" + std::to_string(i) + "=&";
+    seed("query", "many", many);
+    seed("query", "playlist", "http://h/hls-m3u/ch/list.m3u8?utime=900&duration=now");
+    seed("query", "vod", "/ch/list.m3u?vod=");
+    seed("query", "range", "/x/hls-m3u/ch/index-900-60.m3u8");
+    seed("query", "nested", "/src/src/a/dst/b/dst/c/d");
+    seed("query", "fragment", "/hls-fra/ch/1.ts?x");
+
+    seed("urlcode", "escapes", with_flags(1, bytes{'%', '4', '1', '+', '%', 'z', 'z', '%', '0', '0', '%', 'f', 'F'}));
+    seed("urlcode", "cut", with_flags(0, bytes{'a', '%', '4'}));
+    seed("urlcode", "reserved", with_flags(0, bytes{';', '/', '?', ':', '@', '&', '=', '+', '$', ',', '*', ' '}));
+    seed("urlcode", "page", with_flags(0, bytes{'<', 'a', '>', '&', '\'', '"', 'b'}));
+    seed("urlcode", "high", with_flags(1, fill(20, 0xe4)));
+}
+
 bytes text_bytes(std::string_view text)
 {
     return bytes(text.begin(), text.end());
@@ -223,5 +270,6 @@ int main(int argc, char** argv)
     make_tsan();
     make_index();
     make_texts();
+    make_requests();
     return 0;
 }
