@@ -36,28 +36,22 @@ constinit size_t g_trk_count = 0;
 
 // ---- accepting ------------------------------------------------------------------------------------------------
 
-// Where a walk over waiting connections goes after an accept that failed.
-enum class after_failure { retry, go_on, end };
-
-after_failure judge_accept(const struct rui_socket_ctx* srv, int err)
+// Says why an accept failed, and whether that ends the walk over waiting connections. `*rc` gets the errors that are
+// neither the walk's usual end nor anybody's fault.
+bool ends_walk(const struct rui_socket_ctx* srv, int err, int* rc)
 {
     constexpr char caller[] = "rui_accept";
-    if (err == EINTR) return g_quit ? after_failure::end : after_failure::retry;
+    if (err == EINTR) return false; // the walk looks at g_quit itself
     if (is_eagain(err)) {
         tv_log(ll::debug, "%s(%s): end of accept queue reached\n", caller, srv->lc->alias);
-        return after_failure::end;
+        return true;
     }
     if (is_connreset(err)) {
         tv_log(ll::info, "%s(%s): connection aborted/reset before accept()\n", caller, srv->lc->alias);
-        return after_failure::go_on;
+        return false;
     }
-    return after_failure::end;
-}
-
-// Errors of accept that the caller has to hear of: an end of the walk that is neither its usual one nor the process's.
-bool is_hard(int err)
-{
-    return err != EINTR && !is_eagain(err) && !is_connreset(err);
+    *rc = err;
+    return true;
 }
 
 int setup_connection(int fd, int family, uint32_t flags)
@@ -226,10 +220,7 @@ int rui_accept(struct rui_socket_ctx* srv, size_t max_accept, uint32_t flags, vo
             if (!rc) ++nacc;
             continue;
         }
-        const int err = errno;
-        const after_failure next = judge_accept(srv, err);
-        if (is_hard(err)) rc = err;
-        if (next == after_failure::end) break;
+        if (ends_walk(srv, errno, &rc)) break;
     }
     if (nacc >= max_accept)
         tv_log(ll::warning, "%s(%s): CANNOT ACCEPT ALL (accepted=%ld), max=%lu\n", __func__, srv->lc->alias,

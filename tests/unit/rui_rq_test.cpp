@@ -109,6 +109,22 @@ TEST_F(RuiRqTest, nothing_is_accepted_while_the_process_quits)
     EXPECT_EQ(queued(user()), 0u);
 }
 
+TEST_F(RuiRqTest, a_quit_ends_the_walk_behind_the_connection_at_hand)
+{
+    start_user();
+    const Fd first = connect_to(user());
+    const Fd second = connect_to(user());
+    on_new = [](int, rui_socket_ctx*, void*) -> void* {
+        g_quit = 1;
+        return calloc(1, sizeof(kit_request));
+    };
+    EXPECT_EQ(accept_all(user()), 0);
+    EXPECT_EQ(queued(user()), 1u);
+    g_quit = 0;
+    EXPECT_EQ(accept_all(user()), 0); // the other one has waited
+    EXPECT_EQ(queued(user()), 2u);
+}
+
 TEST_F(RuiRqTest, a_refused_connection_is_closed_and_the_walk_goes_on)
 {
     start_user();
