@@ -121,6 +121,7 @@ char* uri_decode(char* text, size_t size)
 
 char* uri_decode_opt(char* text, size_t size, uint32_t flags)
 {
+    if (size == 0) return text;
     const size_t len = strnlen(text, size);
     size_t out = 0;
     for (size_t in = 0; in < len;) {
@@ -137,14 +138,14 @@ char* uri_decode_opt(char* text, size_t size, uint32_t flags)
         const char byte = hex2dec(high, low);
         text[out++] = (flags & NO_UNPRINTABLE) && !is_printable(byte) ? '?' : byte;
     }
-    if (size > 0) text[out < size ? out : size - 1] = '\0';
+    text[out < size ? out : size - 1] = '\0';
     return text;
 }
 
 char* uri_encode(char* text, size_t size)
 {
+    if (size == 0 || *text == '\0') return text;
     const size_t len = strnlen(text, size);
-    if (len == 0) return text;
     const text_ptr copy(static_cast<char*>(W_calloc(__func__, size, 1)));
     if (!copy) return nullptr;
     memcpy(copy.get(), text, len);

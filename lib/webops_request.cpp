@@ -79,6 +79,12 @@ string_view take_run(string_view* text, bool (*stops)(char))
     return run;
 }
 
+// What stands ahead of the first zero.
+string_view till_zero(string_view text)
+{
+    return text.substr(0, text.find('\0'));
+}
+
 // A copy that ends with a zero; null without memory.
 text_ptr dup_view(const char* caller, string_view text)
 {
@@ -338,7 +344,7 @@ int parse_http_header(const char* text, size_t len, struct http_header* hdr, cha
 
     (void)take_run(&rest, [](char c) { return c == '\n' || c == '\0'; });
     if (rest.starts_with('\n')) rest.remove_prefix(1);
-    rest = rest.substr(0, rest.find('\0'));
+    rest = till_zero(rest);
     if (rest.empty()) {
         tv_log(ll::warning, "%s: no header sections found\n", __func__);
         return 0;
@@ -360,7 +366,7 @@ const char* find_http_header(const char* title, const char* text, size_t* len)
 
 long int extract_num_hdr(const char* title, const char* text, size_t len)
 {
-    const value_view value = find_value(title, string_view(text, strnlen(text, len)));
+    const value_view value = find_value(title, till_zero({text, len}));
     if (value.empty()) return -1;
     if (value.size() >= NUMBER_SIZE)
         tv_log(ll::warning, "%s: header [%s] value length is too big: %lu bytes\n", __func__, title, value.size());

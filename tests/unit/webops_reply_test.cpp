@@ -276,13 +276,13 @@ TEST(send_http_response, sends_4095_bytes_at_most)
     const TempDir dir;
     const size_t head = STATUS.size() + 2;
     http_response rsp = reply(g_resp_ok);
-    std::string path = file_of(dir, std::string(4095 - head, 'b'));
+    const std::string path = file_of(dir, std::string(4095 - head, 'b'));
     rsp.fpath = path.c_str();
     const PeerPair p;
     EXPECT_EQ(send_http_response(p.fd(), &rsp), 0);
     EXPECT_EQ(take(p.there.get(), 4095).size(), 4095u);
 
-    path = file_of(dir, std::string(4096 - head, 'b'));
+    file_of(dir, std::string(4096 - head, 'b'));
     LogCapture log;
     g_writes = 0;
     EXPECT_EQ(send_http_response(p.fd(), &rsp), -1);
