@@ -26,14 +26,14 @@ SHM = Path("/dev/shm")
 
 
 def wait_until(condition, what, deadline=DEADLINE):
-    """Polls a condition until it gives something true, which is returned."""
+    """Polls a condition until it gives something true, which is returned. `what` may be a function that tells."""
     end = time.monotonic() + deadline
     while True:
         result = condition()
         if result:
             return result
         if time.monotonic() > end:
-            raise AssertionError(f"gave up waiting for {what}")
+            raise AssertionError(f"gave up waiting for {what() if callable(what) else what}")
         time.sleep(0.02)
 
 
@@ -165,8 +165,9 @@ class Kvt:
         return [line.split() for line in self.alert_lines() if line.startswith(f"ALERT {name} ")]
 
     def wait_log(self, pattern, deadline=DEADLINE):
-        return wait_until(lambda: re.search(pattern, self.log_text(), re.M), f"{pattern!r} in the log:\n"
-                          + self.log_text()[-3000:] + self.stderr()[-2000:], deadline)
+        return wait_until(lambda: re.search(pattern, self.log_text(), re.M), lambda: f"{pattern!r} in the log:\n"
+                          + self.log_text()[-3000:] + self.stderr()[-2000:] + f"exit status {self.process.poll()}",
+                          deadline)
 
     def wait_reading(self):
         """The capture loop has begun: the source is open."""
