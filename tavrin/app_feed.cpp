@@ -21,6 +21,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <span>
 
 TV_LOG_MODULE(app_int::log_module)
 
@@ -209,17 +210,29 @@ void renumber()
     tsan_set_pidx(g_ctx.tc, pctx.pkt_idx);
 }
 
-// The analyzer is on again, or at last: counts what stands in the ring from the time without it. One more than whole
-// units, since the two sides of a switch may share one; the ring must never count out more than has come in.
+// Bytes that stand in the ring from the time before the analyzer was on for the first time.
+size_t held_before(size_t buflen)
+{
+    struct mm_info mi = {};
+    mmr_get_info(g_ctx.mmr, &mi);
+    return mi.pld_size > buflen ? mi.pld_size - buflen : 0;
+}
+
+// The analyzer is on again, or at last: what of this read still belongs to a packet whose head has passed by. A search
+// for sync could take a byte inside that packet for a mark. No more than a guess where the ring's head is out of sync.
+size_t cut_rest(std::span<const uint8_t> read)
+{
+    const size_t begun = (numbered ? passed_bytes : held_before(read.size())) % pctx.info.ts_len;
+    const size_t rest = begun != 0 ? pctx.info.ts_len - begun : 0;
+    return rest >= read.size() || read[rest] == TS_SYNC ? rest : 0;
+}
+
+// Counts what passed by. One more than whole units, since the two sides of a switch may share one; the ring must never
+// count out more than has come in.
 void count_passed(size_t buflen)
 {
     size_t units = 1;
-    if (!numbered) {
-        struct mm_info mi = {};
-        mmr_get_info(g_ctx.mmr, &mi);
-        const size_t held = mi.pld_size > buflen ? mi.pld_size - buflen : 0;
-        units += std::min(held, passed_bytes) / pctx.info.ts_len;
-    }
+    if (!numbered) units += std::min(held_before(buflen), passed_bytes) / pctx.info.ts_len;
     mmr_add_pkts(g_ctx.mmr, units);
     passed_bytes = 0;
 }
@@ -250,7 +263,16 @@ int analyze_input(uint8_t* buf, size_t buflen)
         const int rc = learn_stream();
         if (rc != 0 || pctx.info.ts_len == 0) return rc;
     }
-    if (passed_bytes != 0) count_passed(buflen);
+    if (passed_bytes != 0) {
+        const size_t rest = cut_rest({buf, buflen});
+        if (rest >= buflen) {
+            app_int::feed_pass_by(buflen);
+            return 0;
+        }
+        count_passed(buflen);
+        buf += rest;
+        buflen -= rest;
+    }
     batch b = start_batch(buf, buflen);
     int rc = process_batch(&b);
     if (rc == 0) rc = carry_over(b.data, b.nleft);

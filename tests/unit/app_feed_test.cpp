@@ -287,6 +287,59 @@ TEST_F(app_feed, read_that_does_not_fit_behind_the_rest_is_an_assertion)
     EXPECT_DEATH(analyze_input(dest, PKT + 1), "buflen \\+ pctx\\.tail_size <= g_ctx\\.abuf_len");
 }
 
+// ---- analyzer switched off and on -----------------------------------------------------------------------------
+
+namespace
+{
+// A stream whose packets hold a false sync mark at each place of their payload, but for those that begin a unit.
+bytes misleading_stream(size_t count)
+{
+    bytes all = akit::clean_stream(count);
+    for (size_t at = 0; at < all.size(); at += PKT) {
+        const bool plain = (all[at + 1] & 0x40) == 0 && (all[at + 3] & 0x20) == 0;
+        if (plain) std::fill_n(all.begin() + static_cast<ptrdiff_t>(at) + 4, PKT - 4, uint8_t{0x47});
+    }
+    return all;
+}
+} // namespace
+
+TEST_F(app_feed, analysis_goes_on_at_the_next_packet_wherever_it_was_switched)
+{
+    const bytes all = misleading_stream(200);
+    world.feed(part(all, 0, 20 * PKT));
+    // Off behind so many bytes of a packet, on again behind so many of another one.
+    const size_t off = 23 * PKT + 60;
+    for (const size_t on : {40 * PKT, 40 * PKT + 1, 40 * PKT + 100, 41 * PKT - 1}) {
+        const akit::outcome o = akit::in_child([&] {
+            world.feed(part(all, 20 * PKT, off - 20 * PKT));
+            world.store(part(all, off, 500));
+            app_int::feed_pass_by(500);
+            world.store(part(all, off + 500, on - off - 500));
+            app_int::feed_pass_by(on - off - 500);
+            if (world.feed(part(all, on, 10)) != 0 || world.feed(part(all, on + 10, 3000)) != 0) _exit(1);
+            if (world.feed(part(all, on + 3010, 60 * PKT - on - 3010)) != 0) _exit(2);
+            _exit(analyzed() == 23 + 60 - (on + PKT - 1) / PKT && feed().tail_size == 0 ? 0 : 3);
+        });
+        EXPECT_EQ(o.status, 0) << on - 40 * PKT << o.err;
+    }
+}
+
+TEST_F(app_feed, late_analysis_begins_at_the_next_packet)
+{
+    const bytes all = misleading_stream(200);
+    for (const size_t on : {40 * PKT, 40 * PKT + 1, 40 * PKT + 100, 41 * PKT - 1}) {
+        const akit::outcome o = akit::in_child([&] {
+            world.store(part(all, 0, 700));
+            app_int::feed_pass_by(700);
+            world.store(part(all, 700, on - 700));
+            app_int::feed_pass_by(on - 700);
+            if (world.feed(part(all, on, 10)) != 0 || world.feed(part(all, on + 10, 3000)) != 0) _exit(1);
+            _exit(analyzed() == (on + 3010) / PKT - (on + PKT - 1) / PKT ? 0 : 3);
+        });
+        EXPECT_EQ(o.status, 0) << on - 40 * PKT << o.err;
+    }
+}
+
 // ---- packet index ---------------------------------------------------------------------------------------------
 
 TEST_F(app_feed, numbering_restarts_at_the_call_after_the_index_was_reached)
