@@ -255,7 +255,7 @@ constinit const struct rqs_config* rqs_int::g_cfg = nullptr;
 
 void rqs_int::abort_with_stack()
 {
-    char bt[LOG_OUTBUF_SIZE / 2] = "";
+    char bt[LOG_OUTBUF_SIZE * 3 / 4] = "";
     (void)btrace_to_buf(bt, sizeof(bt)); // without a stack the line still tells that it happened
     tv_log(ll::panic, "Aborting at:\n%s==\n", bt);
     if (g_log.fp) (void)fflush(g_log.fp);
