@@ -21,10 +21,30 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
+
+// The text of a format, such as an expected line.
+inline std::string text_of(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+inline std::string text_of(const char* fmt, ...)
+{
+    char buf[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(buf, sizeof(buf), fmt, ap);
+    va_end(ap);
+    return buf;
+}
+
+// A failed call as it is logged: what stands before " ERROR(n): text", and that.
+inline std::string errno_text(const std::string& head, int err)
+{
+    return text_of("%s ERROR(%d): %s", head.c_str(), err, strerror(err));
+}
 
 // A pipe that is readable while something is in it.
 struct LoopPipe {
@@ -54,6 +74,7 @@ protected:
     ~LoopTest() override
     {
         rqs_destroy();
+        g_rqs = {};
         g_quit = 0;
         s_self = nullptr;
     }
@@ -97,6 +118,16 @@ protected:
         update_tmout = [ms](struct timespec* t) { *t = {ms / 1000, ms % 1000 * 1000000}; };
     }
 
+    // Ends the loop by the quit flag behind the n-th turn.
+    void end_after(int turns)
+    {
+        m_turns_left = turns;
+        on_idle = [this] {
+            if (--m_turns_left == 0) g_quit = 1;
+            return 0;
+        };
+    }
+
     // How often a callback ran, such as "idle" or "read 5 0".
     size_t count(const std::string& what) const
     {
@@ -135,6 +166,7 @@ private:
         return *this;
     }
 
+    int m_turns_left = 0;
     static inline LoopTest* s_self = nullptr;
 };
 

@@ -40,7 +40,7 @@ protected:
         on_file = [](int, int, void*, void*) { return 0; };
         // A turn that brings nothing more is the last.
         wait_at_most_ms(0);
-        on_idle = [this] {
+        on_idle = [] {
             if (g_rqs.events.len == 0) g_quit = 1;
             return 0;
         };
@@ -85,17 +85,6 @@ protected:
     Owner owner;
 };
 
-std::string line(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string line(const char* fmt, ...)
-{
-    char buf[512];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof(buf), fmt, ap);
-    va_end(ap);
-    return buf;
-}
-
 } // namespace
 
 // ---- watches come and go --------------------------------------------------------------------------------------
@@ -114,28 +103,28 @@ TEST_F(FwatchTest, the_first_watch_has_the_descriptor_polled_and_the_last_has_it
     other.wd = rqs_add_file_watch(&other, (dir / "g").c_str());
     EXPECT_EQ(rqs_fd_count(1), 1u);
     EXPECT_EQ(g_ino.wfd_count, 2);
-    EXPECT_EQ(log.count(line("inotify fd%d will be watched.", g_ino.fd)), 1u);
-    EXPECT_TRUE(log.contains(line("rqs_add_file_watch: inotify watch=%d for [%s]: udata=%p, wfd_count=1", owner.wd,
-                                  path.c_str(), static_cast<void*>(&owner))));
-    EXPECT_TRUE(log.contains(line("wfd_map_add: wfd=%d, udata=%p", owner.wd, static_cast<void*>(&owner))));
+    EXPECT_EQ(log.count(text_of("inotify fd%d will be watched.", g_ino.fd)), 1u);
+    EXPECT_TRUE(log.contains(text_of("rqs_add_file_watch: inotify watch=%d for [%s]: udata=%p, wfd_count=1", owner.wd,
+                                     path.c_str(), static_cast<void*>(&owner))));
+    EXPECT_TRUE(log.contains(text_of("wfd_map_add: wfd=%d, udata=%p", owner.wd, static_cast<void*>(&owner))));
 
     log.clear();
     EXPECT_EQ(rqs_rm_file_watch(owner.wd), 0);
     EXPECT_TRUE(g_ino.in_epoll);
     EXPECT_EQ(g_ino.wfd_count, 1);
     EXPECT_EQ(log.messages(),
-              Lines{line("wfd_map_rm: wfd=%d, udata=%p removed.", owner.wd, static_cast<void*>(&owner))});
+              Lines{text_of("wfd_map_rm: wfd=%d, udata=%p removed.", owner.wd, static_cast<void*>(&owner))});
     EXPECT_EQ(rqs_rm_file_watch(other.wd), 0);
     EXPECT_FALSE(g_ino.in_epoll);
     EXPECT_EQ(g_ino.wfd_count, 0);
     EXPECT_EQ(rqs_fd_count(0), 0u);
-    EXPECT_EQ(log.count(line("inotify fd%d is no longer watched.", g_ino.fd)), 1u);
+    EXPECT_EQ(log.count(text_of("inotify fd%d is no longer watched.", g_ino.fd)), 1u);
 
     log.clear();
     owner.wd = rqs_add_file_watch(&owner, path.c_str());
     EXPECT_GT(owner.wd, 0);
     EXPECT_TRUE(g_ino.in_epoll);
-    EXPECT_EQ(log.count(line("inotify fd%d will be watched.", g_ino.fd)), 1u);
+    EXPECT_EQ(log.count(text_of("inotify fd%d will be watched.", g_ino.fd)), 1u);
     EXPECT_TRUE(rqs_validate());
 }
 
@@ -146,8 +135,8 @@ TEST_F(FwatchTest, what_is_not_there_cannot_be_watched)
     LogCapture log;
     EXPECT_EQ(rqs_add_file_watch(&owner, missing.c_str()), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(log.messages(), Lines{line("rqs_add_file_watch: inotify_add_watch(%p, '%s', 3086) ERROR(%d): %s",
-                                         static_cast<void*>(&owner), missing.c_str(), ENOENT, strerror(ENOENT))});
+    EXPECT_EQ(log.messages(), Lines{text_of("rqs_add_file_watch: inotify_add_watch(%p, '%s', 3086) ERROR(%d): %s",
+                                            static_cast<void*>(&owner), missing.c_str(), ENOENT, strerror(ENOENT))});
     EXPECT_FALSE(g_ino.in_epoll);
     EXPECT_EQ(g_ino.wfd_count, 0);
 }
@@ -163,7 +152,7 @@ TEST_F(FwatchTest, a_second_watch_on_a_file_fails_and_ends_the_first)
     LogCapture log;
     EXPECT_EQ(rqs_add_file_watch(&other, (dir / "link").c_str()), -1);
     EXPECT_EQ(log.messages(),
-              Lines{line("wfd_map_add: key wfd=%d is already taken [%p]", owner.wd, static_cast<void*>(&owner))});
+              Lines{text_of("wfd_map_add: key wfd=%d is already taken [%p]", owner.wd, static_cast<void*>(&owner))});
     EXPECT_EQ(log.messages(ll::error).size(), 1u);
     EXPECT_EQ(g_ino.wfd_count, 1);
     append();
@@ -180,7 +169,7 @@ TEST_F(FwatchTest, a_watch_that_finds_no_memory_is_given_back)
     EXPECT_EQ(rqs_add_file_watch(&owner, path.c_str()), -1);
     EXPECT_EQ(fail_alloc::countdown, 0);
     EXPECT_TRUE(log.contains(
-        line("wfd_map_add: ERROR(12) adding wfd=1, udata=%p: %s", static_cast<void*>(&owner), strerror(ENOMEM))));
+        text_of("wfd_map_add: ERROR(12) adding wfd=1, udata=%p: %s", static_cast<void*>(&owner), strerror(ENOMEM))));
     EXPECT_FALSE(log.contains("inotify_rm_watch"));
     EXPECT_EQ(g_ino.wfd_count, 0);
     EXPECT_EQ(inotify_rm_watch(g_ino.fd, 1), -1) << "the kernel has it still";
@@ -208,8 +197,8 @@ TEST_F(FwatchTest, the_end_of_an_unknown_watch_is_a_failure)
     LogCapture log;
     EXPECT_EQ(rqs_rm_file_watch(77), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(log.messages(), Lines{line("rqs_rm_file_watch: inotify_rm_watch(%d, 77) ERROR(%d): %s", g_ino.fd, EINVAL,
-                                         strerror(EINVAL))});
+    EXPECT_EQ(log.messages(), Lines{text_of("rqs_rm_file_watch: inotify_rm_watch(%d, 77) ERROR(%d): %s", g_ino.fd,
+                                            EINVAL, strerror(EINVAL))});
     EXPECT_EQ(g_ino.wfd_count, 0);
 }
 
@@ -230,7 +219,7 @@ TEST_F(FwatchTest, the_end_of_a_watch_that_the_table_does_not_know_is_a_failure)
     const int wd = inotify_add_watch(g_ino.fd, (dir / "g").c_str(), IN_MODIFY);
     LogCapture log;
     EXPECT_EQ(rqs_rm_file_watch(wd), -1);
-    EXPECT_EQ(log.messages(ll::error), Lines{line("wfd_map_rm: wfd=%d is not found.", wd)});
+    EXPECT_EQ(log.messages(ll::error), Lines{text_of("wfd_map_rm: wfd=%d is not found.", wd)});
 }
 
 TEST_F(FwatchTest, a_descriptor_that_cannot_be_dropped_stays_noted_as_polled)
@@ -257,10 +246,10 @@ TEST_F(FwatchTest, a_broken_table_is_reported_by_its_error)
     LogCapture log;
     tbl->rlen = 0;
     EXPECT_EQ(run(), 0);
-    EXPECT_EQ(log.messages(ll::error), Lines{line("wfd_map_get: ERROR(%d): %s", EINVAL, strerror(EINVAL))});
+    EXPECT_EQ(log.messages(ll::error), Lines{text_of("wfd_map_get: ERROR(%d): %s", EINVAL, strerror(EINVAL))});
     log.clear();
     EXPECT_EQ(rqs_rm_file_watch(owner.wd), -1);
-    EXPECT_EQ(log.messages(ll::error), Lines{line("wfd_map_rm: ERROR(%d): %s", EINVAL, strerror(EINVAL))});
+    EXPECT_EQ(log.messages(ll::error), Lines{text_of("wfd_map_rm: ERROR(%d): %s", EINVAL, strerror(EINVAL))});
     EXPECT_EQ(g_rqs.poll_fds, poll_fds - 1);
     tbl->rlen = rlen;
 }
@@ -300,7 +289,7 @@ TEST_F(FwatchTest, a_write_is_reported_without_flags)
     EXPECT_EQ(file_calls(), Trace{file_of(owner.wd)});
     EXPECT_TRUE(log.contains("process_inotify_records: 16/16 bytes of inotify data expected/read"));
     EXPECT_TRUE(log.contains(
-        line("INOTIFY (ev=%p): wd%d, mask=0x0002 [y] cookie=0 []", static_cast<void*>(g_ino.buf), owner.wd)));
+        text_of("INOTIFY (ev=%p): wd%d, mask=0x0002 [y] cookie=0 []", static_cast<void*>(g_ino.buf), owner.wd)));
     EXPECT_TRUE(log.contains("process_inotify_records: 1 inotify_event records processed"));
     EXPECT_EQ(log.messages(ll::error), Lines{});
 }
@@ -445,7 +434,7 @@ TEST_F(FwatchTest, a_record_of_a_watch_that_nobody_has_is_reported)
     LogCapture log;
     EXPECT_EQ(run(), 0);
     EXPECT_EQ(file_calls(), Trace{});
-    EXPECT_EQ(log.messages(ll::error), Lines{line("wfd_map_get: wfd=%d is not found.", wd)});
+    EXPECT_EQ(log.messages(ll::error), Lines{text_of("wfd_map_get: wfd=%d is not found.", wd)});
 }
 
 TEST_F(FwatchTest, a_record_of_another_kind_is_a_warning)
@@ -563,7 +552,7 @@ TEST_F(FwatchTest, a_descriptor_that_does_not_tell_its_bytes_is_a_failure)
     LogCapture log;
     EXPECT_EQ(run(), 1);
     EXPECT_EQ(log.messages(ll::error),
-              Lines{line("process_inotify_records: ioctl FIONREAD ERROR(%d): %s", ENOTTY, strerror(ENOTTY))});
+              Lines{text_of("process_inotify_records: ioctl FIONREAD ERROR(%d): %s", ENOTTY, strerror(ENOTTY))});
 }
 
 TEST_F(FwatchTest, a_record_cut_short_is_a_failure)
@@ -591,7 +580,7 @@ TEST_F(FwatchTest, a_record_cut_short_is_a_failure)
         EXPECT_EQ(run(), 1);
         EXPECT_EQ(file_calls(), Trace{});
         EXPECT_EQ(log.messages(ll::error),
-                  Lines{line("process_inotify_records: broken inotify record at byte 0 of %zu", r.bytes)});
+                  Lines{text_of("process_inotify_records: broken inotify record at byte 0 of %zu", r.bytes)});
     }
 }
 
@@ -631,7 +620,7 @@ TEST_F(FwatchTest, an_error_on_the_descriptor_aborts)
     LogCapture log;
     EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), "");
     EXPECT_EQ(log.messages(ll::panic),
-              (Lines{line("process_inotify_records: error condition on inotify fd=%d", g_ino.fd), "Aborting at:"}));
+              (Lines{text_of("process_inotify_records: error condition on inotify fd=%d", g_ino.fd), "Aborting at:"}));
 }
 
 TEST_F(FwatchTest, the_tag_belongs_to_the_inotify_record_alone)
@@ -659,7 +648,7 @@ TEST_F(FwatchTest, a_watch_may_end_itself_in_its_callback)
     LogCapture log;
     EXPECT_EQ(run(), 0);
     EXPECT_EQ(file_calls(), Trace{file_of(owner.wd)});
-    EXPECT_EQ(log.messages(ll::error), Lines{line("wfd_map_get: wfd=%d is not found.", owner.wd)});
+    EXPECT_EQ(log.messages(ll::error), Lines{text_of("wfd_map_get: wfd=%d is not found.", owner.wd)});
     EXPECT_EQ(rqs_fd_count(0), 0u);
 }
 

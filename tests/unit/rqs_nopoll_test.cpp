@@ -31,23 +31,11 @@ protected:
     ~NopollTest() override
     {
         fail_alloc::at(0);
+        psensors_init(nullptr, 0);
         fake_clock::release();
     }
 
-    // Ends the loop behind the n-th turn.
-    void end_after(int turns)
-    {
-        m_turns_left = turns;
-        on_idle = [this] {
-            if (--m_turns_left == 0) g_quit = 1;
-            return 0;
-        };
-    }
-
     struct nopoll_ref* entry(size_t i) { return static_cast<struct nopoll_ref*>(g_rqs.nopoll.data) + i; }
-
-private:
-    int m_turns_left = 0;
 };
 
 constexpr size_t FIRST_ROOM = 20;
