@@ -47,7 +47,8 @@ inline constexpr uint32_t FDIO_REQUEST_MASK = 65535; // what a step leaves of th
 
 // ---- reads and writes -----------------------------------------------------------------------------------------
 
-// Writes at most `count` bytes. A result of 0 ends it like a failure does.
+// Writes at most `count` bytes. A call that writes nothing ends it like a failure; after an interruption the result is
+// then that of the interrupted call.
 // Requires: buf readable for count bytes.
 ssize_t nwrite(int fd, const char* buf, size_t count, uint32_t flags);
 

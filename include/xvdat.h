@@ -133,8 +133,8 @@ int xvlst_expand(struct xvlst* l, size_t plus, size_t blksz, size_t growblk);
 // Takes the lowest free slot and returns its index. ERR_XV_FIXED if a fixed list is full, -1 if memory ran out.
 // The slot is not cleared. Requires: l not null, blksz and growblk above 0.
 ssize_t xvlst_add(struct xvlst* l, size_t blksz, size_t growblk);
-// Frees a slot, after `cleanup` (if given) has seen it. 0; ERANGE for an index above `last`, whatever the capacity;
-// EALREADY for a free slot. Requires: l not null.
+// Frees a slot, and then shows its record to `cleanup` (if given), for which the slot is free already but still counts
+// in `len`. 0; ERANGE for an index above `last`, whatever the capacity; EALREADY for a free slot. Requires: l not null.
 int xvlst_del(struct xvlst* l, size_t index, xv_cleanup_t cleanup);
 
 // Calls f for each taken slot from 0 to what `last` was at the start. With `pos` the first non-zero result ends the

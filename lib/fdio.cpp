@@ -27,12 +27,14 @@ bool try_again()
 
 ssize_t nwrite(int fd, const char* buf, size_t count, uint32_t flags)
 {
-    ssize_t rc = 0;
+    ssize_t rc = 0; // the last failed call's; a call that writes nothing doesn't take it back
     while (count != 0) {
         psensor_start(PRF_DATAOUT);
-        rc = W_write_f(__func__, fd, buf, count, flags & FDIO_VERBOSE);
+        const ssize_t n = W_write_f(__func__, fd, buf, count, flags & FDIO_VERBOSE);
         psensor_stop(PRF_DATAOUT);
-        if (rc > 0 || !try_again()) break;
+        if (n > 0) return n;
+        if (n < 0) rc = n;
+        if (!try_again()) break;
     }
     return rc;
 }

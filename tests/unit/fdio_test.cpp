@@ -201,6 +201,27 @@ TEST(nwrite, ends_after_one_call_that_writes_nothing)
     EXPECT_EQ(status, 0);
 }
 
+TEST(nwrite, gives_the_interrupted_calls_result_when_the_next_one_writes_nothing)
+{
+    // The write blocks until the first signal; from then on a filter makes writes to the pipe write nothing.
+    const int status = prk::in_child([] {
+        static volatile sig_atomic_t filtered = 0;
+        Pipe p;
+        p.fill();
+        g_wake_fd = p.out.get();
+        const Interrupts signals([](int count) {
+            const prk::arg_is pipe_end = {0, static_cast<unsigned>(g_wake_fd)};
+            if (count == 1) filtered = prk::fail_syscall(SYS_write, 0, pipe_end) ? 1 : 0;
+            if (count == 3 && !filtered) g_quit = 1; // nothing else would end the write
+        });
+        const ssize_t n = nwrite(p.out.get(), "abc", 3, 0);
+        if (!filtered) return NO_FILTER;
+        return n == -1 && errno == 0 ? 0 : 1;
+    });
+    if (status == NO_FILTER) GTEST_SKIP() << "no system call filters to be had here";
+    EXPECT_EQ(status, 0);
+}
+
 TEST(npread, reads_at_a_position)
 {
     char path[] = "/tmp/fdio-test.XXXXXX";

@@ -173,6 +173,24 @@ TEST(emblst_del, tells_a_free_slot_from_one_never_taken)
     EXPECT_EQ(emblst_del(empty.el, 0, nullptr), 114);
 }
 
+TEST(emblst_del, has_freed_the_slot_when_its_record_is_shown)
+{
+    static emblst* list;
+    static size_t count_seen;
+    Buffer b(6);
+    list = b.el;
+    b.fill(3);
+    EXPECT_EQ(emblst_del(b.el, 1,
+                         [](void* data, size_t i) {
+                             EXPECT_EQ(static_cast<int*>(data)[i], 10);
+                             EXPECT_EQ(visited(list), (Indexes{0, 2}));
+                             count_seen = list->count;
+                         }),
+              0);
+    EXPECT_EQ(count_seen, 3u); // the count comes down last
+    EXPECT_EQ(b.el->count, 2u);
+}
+
 TEST(emblst_del, asserts_that_there_are_records)
 {
     Buffer b(4);

@@ -311,7 +311,7 @@ TEST(xvlst_del, tells_a_free_slot_from_one_never_taken)
     EXPECT_EQ(empty.del(1), 34);
 }
 
-TEST(xvlst_del, shows_the_record_before_it_goes)
+TEST(xvlst_del, shows_the_record_that_goes)
 {
     List l;
     l.fill(3);
@@ -320,6 +320,24 @@ TEST(xvlst_del, shows_the_record_before_it_goes)
     EXPECT_EQ(g_seen, Indexes{2});
     EXPECT_EQ(xvlst_del(&l, 2, clean), 114);
     EXPECT_EQ(g_seen.size(), 1u);
+}
+
+TEST(xvlst_del, has_freed_the_slot_when_its_record_is_shown)
+{
+    static List* list;
+    static size_t len_seen;
+    List l;
+    list = &l;
+    l.fill(3);
+    EXPECT_EQ(xvlst_del(&l, 1,
+                        [](void* data, size_t i) {
+                            EXPECT_EQ(static_cast<int*>(data)[i], 10);
+                            EXPECT_EQ(visited(list), (Indexes{0, 2}));
+                            len_seen = list->len;
+                        }),
+              0);
+    EXPECT_EQ(len_seen, 3u); // the count comes down last
+    EXPECT_EQ(l.len, 2u);
 }
 
 TEST(xvlst_del, keeps_the_lowest_free_slot_first)
