@@ -1,5 +1,6 @@
 """The command line as a user meets it: texts and exit statuses."""
 import os
+import re
 import subprocess
 
 import pytest
@@ -93,7 +94,10 @@ def test_term_mode_shows_the_settings_in_the_log_and_on_the_terminal(kvt):
     assert status != 0
     for text in (kvt.log_text(), kvt.stderr()):
         assert "Source:\n\tURL            = file:///dev/null\n" in text
-        assert "kvt shut down" in text
+        identity = r"kvt \(Live stream analyzer\) 0\.1-10\.2 \(marltools\) regular \[.*"
+        assert re.search(rf"\(NRM\)  KVTI  {identity} STARTING\. PID={kvt.pid}\n", text)
+        assert "kvt shut down\n" in text
+        assert re.search(rf"\(NRM\)  KVTI  {identity} EXIT\({status}\)\. PID={kvt.pid}\n", text)
 
 
 def test_quiet_keeps_the_terminal_clear(kvt):

@@ -48,6 +48,20 @@ TEST_F(app_feed, nothing_happens_until_the_stream_is_recognised)
     EXPECT_EQ(g_ctx.abuf, nullptr);
 }
 
+// Can't come about in a run: a ring does not forget what it has recognised.
+TEST_F(app_feed, unknown_stream_behind_analyzed_packets_is_an_error)
+{
+    world.feed(akit::clean_stream(10));
+    mmr_destroy(g_ctx.mmr);
+    ASSERT_EQ(mmr_create(&g_ctx.mmr, 1 << 20), 0);
+    const_cast<process_ctx*>(app_int::feed_state())->info = {};
+    bytes some = akit::clean_stream(1);
+    log.clear();
+    EXPECT_EQ(analyze_input(some.data(), some.size()), 11);
+    EXPECT_EQ(log.messages(ll::error), strings{"analyze_input: packet size not set, cannot analyze"});
+    const_cast<process_ctx*>(app_int::feed_state())->pkt_count = 0; // or the state would be out of order
+}
+
 TEST_F(app_feed, whole_packets_are_analyzed_where_the_read_left_them)
 {
     EXPECT_EQ(world.feed(akit::clean_stream(700)), 0);

@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <set>
 
 using akit::in_child;
 using akit::outcome;
@@ -35,6 +39,9 @@ protected:
 
     akit::temp_dir dir;
 };
+
+// Files that are said to exist, in place of those that do.
+std::set<std::string> present;
 
 std::string guide()
 {
@@ -77,6 +84,12 @@ std::string identity()
 }
 
 } // namespace
+
+extern "C" int access(const char* path, int mode) noexcept
+{
+    if (!present.empty()) return present.contains(path) ? 0 : -1;
+    return faccessat(AT_FDCWD, path, mode, 0);
+}
 
 // ---- the guide ------------------------------------------------------------------------------------------------
 
@@ -332,6 +345,23 @@ TEST_F(app_opt, file_in_the_working_directory_is_found)
     set_up({"-i", SRC});
     EXPECT_STREQ(g_cfg.config_path, "./kvt.conf");
     EXPECT_EQ(g_cfg.cache_sz_mb, 24u);
+}
+
+TEST_F(app_opt, search_goes_on_in_the_system_s_directories)
+{
+    const auto found = [&](const std::set<std::string>& files) {
+        return in_child([&] {
+            present = files;
+            set_up({"-i", SRC});
+        });
+    };
+    const std::string etc = "/etc/kvt.conf";
+    const std::string local = "/usr/local/etc/kvt.conf";
+    if (std::filesystem::exists(etc) || std::filesystem::exists(local)) GTEST_SKIP() << "this machine has one of them";
+    EXPECT_EQ(found({"./kvt.conf", etc, local}).err, "Failed to load [./kvt.conf]\n");
+    EXPECT_EQ(found({etc, local}).err, "Failed to load [/etc/kvt.conf]\n");
+    EXPECT_EQ(found({local}).err, "Failed to load [/usr/local/etc/kvt.conf]\n");
+    EXPECT_EQ(found({"/var/kvt.conf"}).status, akit::CAME_BACK); // none of the three
 }
 
 TEST_F(app_opt, named_file_stands_in_for_the_search)
