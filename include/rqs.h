@@ -128,7 +128,8 @@ extern struct inotify_ctx g_ino;
 
 // Takes a copy of the settings and makes the loop ready: epoll and inotify descriptors, containers, clock. 0; -1, or
 // the table's error code, with everything released. The time-out is none until update_tmout sets one.
-// Requires: cfg not null (a logged assertion) with read, write and error set; no loop in being.
+// Requires: cfg not null (a logged assertion) with read, write and error set; no loop in being; descriptor 0 taken, since
+// a loopfd of 0 stands for a loop that was never set up.
 int rqs_init(const struct rqs_config* cfg);
 
 // Closes what rqs_init opened and frees the containers; all events and watches are forgotten, their descriptors stay
