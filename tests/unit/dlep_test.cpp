@@ -353,6 +353,27 @@ TEST(dlep_repos, asserts_a_comparison_that_comes_to_rest)
     EXPECT_DEATH(dlep_repos(l.lh, a, 1, restless), asserts("i <= l->count"));
 }
 
+TEST(dlep_repos, compares_its_record_with_the_neighbours_and_not_the_other_way_round)
+{
+    static const void* moved;
+    List l;
+    for (const int key : {3, 1, 2})
+        l.sadd(key, 1);
+    Rec* r = static_cast<Rec*>(dlep_tail(l.lh));
+    moved = r;
+    const auto first_is_moved = [](const void* a, const void* b) {
+        EXPECT_EQ(a, moved);
+        EXPECT_NE(b, moved);
+        return by_key(a, b);
+    };
+    r->key = 0; // up to the head
+    dlep_repos(l.lh, r, 1, first_is_moved);
+    EXPECT_EQ(keys(l.lh), (Keys{0, 1, 2}));
+    r->key = 9; // and down again
+    dlep_repos(l.lh, r, 1, first_is_moved);
+    EXPECT_EQ(keys(l.lh), (Keys{1, 2, 9}));
+}
+
 TEST(dlep_sverify, objects_to_a_record_out_of_order)
 {
     List l;

@@ -473,6 +473,31 @@ TEST(gkh_destroy, frees_the_data_of_every_record)
     EXPECT_EQ(g_frees, 9);
 }
 
+// A number of slots that no table can have: the record is damaged, and its slots are no place to look for data.
+TEST(gkh_destroy, keeps_off_slots_beyond_the_greatest_capacity)
+{
+    for (const auto& [rlen, frees] : {std::pair<size_t, int>{4999999, 1}, {5000000, 1}, {5000001, 0}}) {
+        nkht_t n = nullptr;
+        ASSERT_EQ(nkht_create(&n, 1, nullptr), 0);
+        ASSERT_EQ(nkht_add(n, 7, nullptr), 0);
+        ht_t* tbl = table_of(n);
+        hrec* const only = tbl->r[0];
+        free(tbl->r);
+        tbl->r = static_cast<hrec**>(calloc(rlen, sizeof(hrec*)));
+        ASSERT_NE(tbl->r, nullptr);
+        tbl->r[rlen - 1] = only;
+        tbl->rlen = rlen;
+        hrec** const slots = tbl->r;
+        g_frees = 0;
+        nkht_destroy(n, count_free);
+        EXPECT_EQ(g_frees, frees) << rlen;
+        if (frees == 0) {
+            free(only);
+            free(slots);
+        }
+    }
+}
+
 // ---- printing -------------------------------------------------------------------------------------------------
 
 TEST(skht_print, tells_how_full_the_table_is)
