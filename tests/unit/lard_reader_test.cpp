@@ -401,6 +401,27 @@ TEST_F(lard_reader, a_reader_that_was_overtaken_is_told_and_begins_with_the_olde
     EXPECT_FALSE(lost);
 }
 
+TEST_F(lard_reader, a_reader_that_was_overtaken_goes_on_in_small_pieces_without_another_loss)
+{
+    make();
+    open_reader();
+    struct lard_cursor cur = {};
+    EXPECT_EQ(lard_puts(writer, "seen\n"), 5);
+    EXPECT_EQ(read_new(reader, &cur), "seen\n");
+    fill_to(size);
+    EXPECT_EQ(lard_puts(writer, "abcdefgh\n"), 9);
+    const std::string expected = whole(reader);
+    char piece[3];
+    bool lost = false;
+    std::string text;
+    for (ssize_t n; (n = lard_read_new(reader, &cur, piece, sizeof(piece), &lost)) > 0;) {
+        EXPECT_EQ(lost, text.empty()) << "after " << text.size() << " bytes";
+        text.append(piece, static_cast<size_t>(n));
+        ASSERT_LE(text.size(), size);
+    }
+    EXPECT_EQ(text, expected);
+}
+
 TEST_F(lard_reader, a_reader_that_found_an_empty_ring_knows_that_a_full_one_has_lost_text)
 {
     make();

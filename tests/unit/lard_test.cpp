@@ -101,6 +101,8 @@ TEST_F(lard, the_ring_is_mapped_twice_with_a_dead_zone_behind)
     buf.overlay[buf.dlen - 1] = 'z';
     EXPECT_EQ(buf.data[buf.dlen - 1], 'z');
     EXPECT_DEATH(buf.ddz[0] = 'x', "");
+    const volatile char* const dead = buf.ddz;
+    EXPECT_DEATH((void)dead[0], ""); // not even to be looked at
     EXPECT_TRUE(lard_validate(writer));
 }
 

@@ -189,6 +189,25 @@ TEST(pidfile, a_path_that_cannot_be_opened_is_refused)
               log.text());
 }
 
+// The two numbers by which a system says that somebody else has the lock.
+TEST(pidfile, both_error_numbers_of_a_held_lock_are_told_as_another_instance)
+{
+    for (const int err : {EACCES, EAGAIN}) {
+        piped_log log;
+        const temp_dir dir;
+        const std::string path = dir.file("kvt.pid", "11");
+        const int rc = in_child([&] {
+            if (!prk::fail_syscall(SYS_fcntl, err, prk::arg_is{1, F_SETLK})) return NO_FILTER;
+            return -1 == create_pidfile_extra(path.c_str(), 22, nullptr, 0) && err == errno ? 0 : 1;
+        });
+        if (NO_FILTER == rc) GTEST_SKIP() << "no system call filters here";
+        EXPECT_EQ(0, rc);
+        EXPECT_EQ("(ERR)  create_pidfile_extra: file [" + path +
+                      "] is locked (another instance of daemon must be running)\n" + failure_line(path, 22),
+                  lines_of(log));
+    }
+}
+
 TEST(pidfile, a_lock_that_fails_otherwise_is_told)
 {
     piped_log log;

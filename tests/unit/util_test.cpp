@@ -508,6 +508,11 @@ TEST(util, a_text_is_copied_up_to_a_stop)
     EXPECT_STREQ("abcd", buf);
     EXPECT_EQ(4u, cpy_till(buf, sizeof(buf), "abcdef:", ":"));
     EXPECT_STREQ("abcd", buf);
+    EXPECT_EQ(4u, cpy_till(buf, sizeof(buf), "abcde", ":")); // as long as the room, which is for the zero, too
+    EXPECT_STREQ("abcd", buf);
+    char guarded[3] = {'x', 'x', 'x'};
+    EXPECT_EQ(1u, cpy_till(guarded, 2, "ab", ":"));
+    EXPECT_EQ('x', guarded[2]);
     EXPECT_EQ(0u, cpy_till(buf, sizeof(buf), ":", ":"));
     EXPECT_STREQ("", buf);
     EXPECT_EQ(0u, cpy_till(buf, 1, "abc", ":"));
