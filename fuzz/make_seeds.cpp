@@ -165,6 +165,10 @@ void make_texts()
     seed("uri", "plain", "/tmp/x.ts");
     seed("uri", "open_bracket", "[fe80::1%eth0");
     seed("uri", "empty", " \tudp://");
+    seed("uri", "relay_path", "http:///udp/239.1.1.1:5000/");
+    seed("uri", "pair_cut_escape", "http:///src/a/dst/b%2");
+    seed("uri", "playlist_item", "http://h/c/list.m3u8\n1.ts");
+    seed("uri", "playlist_url_item", "http://h/c/list.m3u8\nHTTP://other/1.ts");
 
     seed("http", "ok", "HTTP/1.1 200 OK\r\nServer: x\r\nContent-Type: video/MP2T\r\n\r\nG1234567");
     seed("http", "bare_newlines", "HTTP/1.0 200 OK\n\nG123");

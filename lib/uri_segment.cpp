@@ -188,7 +188,8 @@ int parse_dvr_playlist(const char* text, struct uri_parse_ctx* ctx)
 
     const char* const length = dash + 1;
     const bool till_now = dot - length == NOW_LEN && strncasecmp(length, NOW, NOW_LEN) == 0;
-    ctx->stime = atol(range);
+    // An empty start is 0: the dash behind it is not the sign of what follows.
+    ctx->stime = range + strspn(range, " \t\n\v\f\r") < dash ? atol(range) : 0;
     ctx->duration = till_now ? -1 : atol(length);
     if (ctx->stime <= 0 || (ctx->duration < 1 && ctx->duration != -1)) return -22;
     return 0;

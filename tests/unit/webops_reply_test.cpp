@@ -152,6 +152,11 @@ TEST(mk_http_xt_resp, knows_two_versions)
     for (int version : {9, 12, 20, 0})
         EXPECT_EQ(compose(reply(g_resp_ok), 4096, version), "22") << version;
     EXPECT_EQ(log.messages(ll::error)[2], "mk_http_xt_resp: HTTP/2.0 not supported");
+    // What is left is an empty text.
+    ExactMem buf(64, '#');
+    const http_response rsp = reply(g_resp_ok);
+    EXPECT_EQ(mk_http_xt_resp(&rsp, 12, buf.get(), 64), 22);
+    EXPECT_EQ(buf.all(), std::string(1, '\0') + std::string(62, '#') + std::string(1, '\0'));
 }
 
 TEST(mk_http_xt_resp, adds_the_suffix_to_a_200_only)
@@ -206,6 +211,11 @@ TEST(mk_http_xt_resp, appends_a_file)
     EXPECT_TRUE(log.contains("mk_http_xt_resp: header:" + std::to_string(STATUS.size() + 2) +
                              "/total:" + std::to_string(STATUS.size() + 10) + " bytes"));
     EXPECT_EQ(least_size(rsp), STATUS.size() + 2 + 8 + 1);
+    // The log shows the head only.
+    file_of(dir, "body");
+    log.clear();
+    compose(rsp);
+    EXPECT_NE(log.text().find("bytes\n" + STATUS + "\r\n\n"), std::string::npos);
 }
 
 TEST(mk_http_xt_resp, fails_with_a_file_that_is_empty_or_absent)

@@ -182,6 +182,8 @@ TEST(parse_http_header, tells_http_1_0_by_its_last_digit)
 {
     EXPECT_TRUE(Head("GET /a HTTP/1.0\r\n").hdr.is_http10);
     EXPECT_FALSE(Head("GET /a HTTP/1.1\r\n").hdr.is_http10);
+    EXPECT_FALSE(Head("GET /a HTTP/1.2\r\n").hdr.is_http10);
+    EXPECT_FALSE(Head("GET /a HTTP/1.x\r\n").hdr.is_http10);
     EXPECT_FALSE(Head("GET /a HTTP/1.").hdr.is_http10);
     EXPECT_FALSE(Head("GET /a").hdr.is_http10);
 }
@@ -204,6 +206,7 @@ TEST(parse_http_header, copies_the_target_into_a_buffer_that_is_not_smaller)
     EXPECT_EQ(Head("GET /abc HTTP/1.1\n", 4).url.text(), "/ab"); // its last byte becomes the zero
     EXPECT_EQ(Head("GET /abc HTTP/1.1\n", 3).url.all(), "###");
     EXPECT_EQ(Head("GET", 1).url.all(), std::string("\0", 1));
+    EXPECT_EQ(Head("GET /abc HTTP/1.1\n", 8).url.all(), std::string("/abc\0##\0", 8)); // so does the buffer's last
     http_header hdr;
     EXPECT_EQ(parse_http_header("GET /a", 6, &hdr, nullptr, 0), 0);
 }
@@ -267,6 +270,21 @@ TEST(parse_http_header, reads_a_request_cut_short_at_every_byte)
 }
 
 // ---- headers --------------------------------------------------------------------------------------------------
+
+TEST(parse_http_header, holds_its_limits_against_headers_of_any_length)
+{
+    LogCapture log;
+    const std::string longest(100000, 'x');
+    const Head head("GET /a HTTP/1.1\r\nUser-Agent: " + longest + "\r\nConnection: keep-alive" + longest +
+                    "\r\nAccept-Encoding: " + longest + "\r\nHost: " + longest + "\r\n\r\n");
+    EXPECT_EQ(head.rc, 0);
+    EXPECT_EQ(head.hdr.user_agent, longest.substr(0, 126));
+    EXPECT_FALSE(head.hdr.is_keep_alive);
+    EXPECT_EQ(head.hdr.accept_enc, longest.substr(0, 31));
+    EXPECT_STREQ(head.hdr.host, "");
+    EXPECT_TRUE(log.contains("parse_http_header: Host length is too long: 100000"));
+    EXPECT_EQ(number_of("Content-Length: 1" + longest + "\r\n", 100019), 1);
+}
 
 TEST(parse_http_header, takes_a_host_of_63_characters)
 {
@@ -372,6 +390,7 @@ TEST(extract_num_hdr, reads_the_number)
     }
     EXPECT_EQ(number_of("Host: 1\r\n", 9), -1);
     EXPECT_EQ(number_of("", 0), -1);
+    EXPECT_EQ(number_of(std::string("X: y\0Content-Length: 42\r\n", 25), 25), -1); // no header behind a zero
     EXPECT_EQ(number_of("Content-Length: 42\r\n", 18), -1); // its line's end lies behind the length
 }
 
@@ -523,6 +542,17 @@ TEST(web_parse_urq, limits_the_query_to_255_characters)
     EXPECT_EQ(log.messages(ll::error), Lines{"web_parse_urq: URI query length (256 bytes) is beyond the limit: 256"});
 }
 
+TEST(web_parse_urq, refuses_a_query_of_a_thousand_parameters)
+{
+    std::string query = "n0=0";
+    for (int i = 1; i < 1000; ++i)
+        query += "&n" + std::to_string(i) + "=" + std::to_string(i);
+    LogCapture log;
+    EXPECT_EQ(serve_path("/$a?" + query, 16384), (Served{-7, "#", "#"}));
+    EXPECT_EQ(log.messages(ll::error), Lines{"web_parse_urq: URI query length (" + std::to_string(query.size()) +
+                                             " bytes) is beyond the limit: 256"});
+}
+
 TEST(web_parse_urq, appends_a_query_where_more_than_its_room_is_left)
 {
     EXPECT_EQ(serve_path("/$a?bcd", 8), (Served{0, "$a?bcd", ""}));
@@ -558,6 +588,61 @@ TEST(web_parse_urq, ends_with_12_without_memory_for_path_or_query)
         EXPECT_EQ(serve_path("/$a?b").rc, 12) << nth;
     }
     EXPECT_EQ(serve_path("/$a?b").rc, 0);
+}
+
+TEST(web_parse_urq, serves_a_request_cut_short_at_every_byte)
+{
+    const std::string whole = "GET /src/udp/h:1/dst/a%20b?x=1 HTTP/1.1\r\nHost: h\r\n\r\n";
+    // What a request comes to that ends with this text or before the next one.
+    const struct {
+        const char* from;
+        Served want;
+    } rows[] = {
+        {"", {-1, "#", "#"}}, // no method yet
+        {"GET", {-3, "#", "#"}},
+        {"GET /s", {-1, "", ""}},                     // no form that is known
+        {"GET /src/udp/h:1/dst", {0, "udp/h:1", ""}}, // the pair is balanced
+        {"GET /src/udp/h:1/dst/a", {0, "udp/h:1", "a"}},
+        {"GET /src/udp/h:1/dst/a%", {-1, "udp/h:1", "a%"}}, // the escape is cut short
+        {"GET /src/udp/h:1/dst/a%2", {-1, "udp/h:1", "a%2"}},
+        {"GET /src/udp/h:1/dst/a%20", {0, "udp/h:1", "a "}},
+        {"GET /src/udp/h:1/dst/a%20b", {0, "udp/h:1", "a b"}}, // with a lone mark too
+        {"GET /src/udp/h:1/dst/a%20b?x", {0, "udp/h:1?x", "a b"}},
+        {"GET /src/udp/h:1/dst/a%20b?x=", {0, "udp/h:1?x=", "a b"}},
+        {"GET /src/udp/h:1/dst/a%20b?x=1", {0, "udp/h:1?x=1", "a b"}},
+        {"GET /src/udp/h:1/dst/a%20b?x=1 H", {-1, "#", "#"}}, // a part of the protocol's word
+        {"GET /src/udp/h:1/dst/a%20b?x=1 HTTP/1.", {0, "udp/h:1?x=1", "a b"}},
+    };
+    size_t row = 0;
+    for (size_t len = 0; len <= whole.size(); ++len) {
+        if (row + 1 < std::size(rows) && len == strlen(rows[row + 1].from)) ++row;
+        ASSERT_TRUE(whole.starts_with(rows[row].from));
+        EXPECT_EQ(serve(whole.substr(0, len)), rows[row].want) << whole.substr(0, len);
+    }
+    EXPECT_EQ(row + 1, std::size(rows));
+}
+
+TEST(web_parse_urq, ends_the_target_at_a_zero_in_it)
+{
+    const std::string target = "/src/udp/h:1/dst/a%20b?x=1";
+    const std::string rest = " HTTP/1.1\r\nHost: h\r\n\r\n";
+    for (size_t at = 1; at < target.size(); ++at) {
+        std::string zeroed = target;
+        zeroed[at] = '\0';
+        EXPECT_EQ(serve_path(zeroed), serve_path(target.substr(0, at))) << at;
+        // So do the copies of path and query.
+        const std::string request = "GET " + zeroed + rest;
+        const std::string cut = target.substr(1, at - 1);
+        const std::string query = cut.find('?') == std::string::npos ? "" : cut.substr(cut.find('?') + 1);
+        ExactMem mem(request, 0), path(64, '#'), qry(64, '#');
+        const int rc = extract_http_request_path_query(mem.get(), mem.size(), path.get(), 64, qry.get(), 64);
+        EXPECT_EQ(rc, cut.empty() ? -1 : 0) << at;
+        if (rc != 0) continue;
+        EXPECT_EQ(path.text(), cut.substr(0, cut.find('?')));
+        EXPECT_EQ(qry.text(), query);
+    }
+    // A zero that came as an escape is no end: it shows as a question mark.
+    EXPECT_EQ(serve_path("/hls-fra/c/1.ts%00.txt"), (Served{0, "file://c/1.ts?.txt", ""}));
 }
 
 TEST(web_parse_urq, stays_inside_its_memory_whatever_the_request)
