@@ -103,8 +103,9 @@ struct transfer_spec {
     unsigned mmem_out : 1; // the mapping is where the bytes come from; otherwise it is where they go
 
     // Filter of what was read, or null: works on `data` in place and stores what is left of `len` in *new_len, at most
-    // what there was. 0, or non-zero to fail the step with that number; errno is to be left alone. It is not called
-    // when nothing was read. By design a filter that leaves nothing fails an assertion, unless a mapping is used.
+    // what there was. 0, or non-zero to fail the step with that number; errno is to be left alone. It is not called when
+    // nothing was read; by design into a mapping it is, with a length of 0 and perhaps no data, unless the read failed.
+    // By design a filter that leaves nothing fails an assertion, unless a mapping is used.
     int (*inproc)(void* data, ssize_t len, ssize_t* new_len);
 
     struct tsix_stream* ix; // the paced file, or null
@@ -128,8 +129,9 @@ struct transfer_spec* new_transfer_spec(int in_fd, int out_fd, off_t* offset, ui
 // chunk lasts to *delay_usc; one that goes on with a chunk sets it to 0. After the last chunk the result is -1 with
 // errno 0, and -1 with EIO where the index can't be read. A chunk can be reported to last very long where the stream's
 // clock steps back: a caller caps what it waits.
-// Requires: tsp and its flags not null; the transfer buffer (asserted, but for mappings); with a mapping or
-// FDIO_SENDFILE an offset (asserted); with FDIO_SENDTO an address; with `ix` an open index (asserted).
+// Requires: tsp and its flags not null; with a mapping or FDIO_SENDFILE an offset (asserted); with FDIO_SENDTO an
+// address; with `ix` an open index (asserted); the transfer buffer (asserted). Steps into a mapping move nothing
+// without the buffer, and paced ones out of one don't need it.
 int transfer(struct transfer_spec* tsp, size_t count, ssize_t* tbytes, size_t* delay_usc);
 
 // ---- files of a job -------------------------------------------------------------------------------------------

@@ -44,22 +44,28 @@ struct step {
     bool offset_updated = false; // the call has moved the offset itself
 };
 
-// Bytes of the mapping at *offset, of `count` that are asked for. By design the end of a mapping is a warning, not the
-// end of a source.
-size_t mapped_count(const char* caller, const struct transfer_spec* tsp, size_t count)
+constexpr char overflow_warning[] =
+    "%s: attempt to reach over the end of buffer: buf=%p, len=%ld, offset=%ld, count=%ld - new_count=%ld\n";
+
+// True if *offset stands in the mapping or right behind it.
+bool is_in_mapping(const struct transfer_spec* tsp)
+{
+    return *tsp->offset >= 0 && static_cast<size_t>(*tsp->offset) <= tsp->mmlen;
+}
+
+// Cuts a count to what is left of the mapping at *offset; false if that is nothing. By design the end of a mapping is a
+// warning, not the end of a source. A count of 0 is left to whoever moves the bytes.
+bool cut_to_mapping(const char* caller, const struct transfer_spec* tsp, size_t* count)
 {
     tv_assert_logged(tsp->offset);
     const off_t offset = *tsp->offset;
-    const size_t left =
-        offset >= 0 && static_cast<size_t>(offset) < tsp->mmlen ? tsp->mmlen - static_cast<size_t>(offset) : 0;
-    // The last byte's successor may be asked for, as long as nothing is asked for there.
-    if (count <= left) return count;
+    const size_t left = is_in_mapping(tsp) ? tsp->mmlen - static_cast<size_t>(offset) : 0;
+    if (is_in_mapping(tsp) && *count <= left) return true;
     const errno_keeper keep;
-    tv_log(ll::warning,
-           "%s: attempt to reach over the end of buffer: buf=%p, len=%ld, offset=%ld, count=%ld - new_count=%ld\n",
-           caller, tsp->mmem, static_cast<long>(tsp->mmlen), static_cast<long>(offset), static_cast<long>(count),
-           static_cast<long>(left));
-    return left;
+    tv_log(ll::warning, overflow_warning, caller, tsp->mmem, static_cast<long>(tsp->mmlen), static_cast<long>(offset),
+           static_cast<long>(*count), static_cast<long>(left));
+    *count = left;
+    return left > 0;
 }
 
 char* mapped_at_offset(const struct transfer_spec* tsp)
@@ -90,7 +96,9 @@ bool pace(struct tsix_stream* ix, size_t* nbytes, size_t* delay_usc)
         ix->o_left = seglen;
         (void)clock_gettime(CLOCK_MONOTONIC, &ix->last_otime); // can't fail for this clock
     }
-    *nbytes = step_size(static_cast<size_t>(ix->o_left));
+    *nbytes = static_cast<size_t>(ix->o_left);
+    // Without a buffer there is only the mapping, which has the chunk at hand.
+    if (g_trf.buflen > 0) *nbytes = step_size(*nbytes);
     return true;
 }
 
@@ -109,9 +117,10 @@ void by_mapping(struct transfer_spec* tsp, struct step* s)
     } else {
         s->nrd = fdio_int::mm_in(tsp, s->nbytes);
         s->ntotal = s->nrd;
-        if (tsp->inproc && s->nrd > 0) {
+        // The filter is told of the end, too, by a length of 0; of a failed read there is nothing to tell it.
+        if (tsp->inproc && errno == 0) {
             s->ntotal = 0;
-            if (!filter(tsp, mapped_at_offset(tsp), s)) return;
+            if (!filter(tsp, is_in_mapping(tsp) ? mapped_at_offset(tsp) : nullptr, s)) return;
         }
         s->nwr = s->ntotal;
     }
@@ -212,16 +221,14 @@ ssize_t fdio_int::transfer_out(struct transfer_spec* tsp, const char* src, size_
 
 ssize_t fdio_int::mm_in(struct transfer_spec* tsp, size_t count)
 {
-    count = mapped_count(__func__, tsp, count);
-    if (count == 0) return 0;
+    if (!cut_to_mapping(__func__, tsp, &count)) return 0;
     const ssize_t rc = transfer_in(tsp, -1, mapped_at_offset(tsp), count);
     return rc > 0 ? rc : 0;
 }
 
 ssize_t fdio_int::mm_out(struct transfer_spec* tsp, size_t count)
 {
-    count = mapped_count(__func__, tsp, count);
-    if (count == 0) return 0;
+    if (!cut_to_mapping(__func__, tsp, &count)) return 0;
     const ssize_t rc = transfer_out(tsp, mapped_at_offset(tsp), count);
     return rc > 0 ? rc : 0;
 }

@@ -11,6 +11,20 @@
 
 using namespace trk;
 
+namespace
+{
+
+std::vector<ssize_t> g_filter_calls; // lengths
+
+int note_call(void*, ssize_t len, ssize_t* new_len)
+{
+    g_filter_calls.push_back(len);
+    *new_len = len;
+    return 0;
+}
+
+} // namespace
+
 TEST_F(transfer_step, by_mapping_goes_before_sendfile)
 {
     const Fd dst = new_file("dst");
@@ -139,17 +153,39 @@ TEST_F(transfer_step, into_a_mapping_tells_the_end_and_the_failure_of_the_source
     const job_ptr t = job(-1, &offset);
     t->mmem = mem.data();
     t->mmlen = mem.size();
-    t->inproc = never_called;
     ASSERT_GT(lseek(src.get(), 0, SEEK_END), 0);
     EXPECT_EQ(transfer(t.get(), 3, &n, nullptr), 0);
     EXPECT_EQ(flags, FDIO_EOF | FDIO_ERR_READ);
     t->in_fd = dst.get(); // can't be read
+    t->inproc = never_called;
     EXPECT_EQ(transfer(t.get(), 3, &n, nullptr), -1);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(flags, FDIO_ERR_READ);
     EXPECT_EQ(n, 0);
     EXPECT_EQ(offset, 4);
     EXPECT_EQ(mem, "..........");
+}
+
+TEST_F(transfer_step, into_a_mapping_has_the_filter_called_at_the_end_too)
+{
+    std::string mem(10, '.');
+    const job_ptr t = job(-1, &offset);
+    t->mmem = mem.data();
+    t->mmlen = mem.size();
+    t->inproc = note_call;
+    ASSERT_GT(lseek(src.get(), 0, SEEK_END), 0);
+    for (const off_t at : {off_t{4}, off_t{10}, off_t{11}, off_t{-1}}) { // the source's end, then the mapping's, too
+        g_filter_calls = {};
+        offset = at;
+        EXPECT_EQ(transfer(t.get(), 3, &n, nullptr), 0);
+        EXPECT_EQ(g_filter_calls, std::vector<ssize_t>{0}) << at;
+        EXPECT_TRUE(flags & FDIO_EOF);
+        EXPECT_EQ(offset, at);
+    }
+    t->inproc = refuse;
+    offset = 4;
+    EXPECT_EQ(transfer(t.get(), 3, &n, nullptr), -1);
+    EXPECT_EQ(errno, -77);
 }
 
 TEST_F(transfer_step, into_a_mapping_has_a_filter_work_on_what_was_read)
@@ -184,4 +220,16 @@ TEST_F(transfer_step_death, by_mapping_without_an_offset_fails_an_assertion)
     t->mmem = mem;
     t->mmlen = sizeof(mem);
     EXPECT_DEATH(transfer(t.get(), 1, &n, nullptr), asserts("tsp->offset"));
+}
+
+TEST_F(transfer_step_death, out_of_a_mapping_without_a_buffer_fails_an_assertion)
+{
+    // A step's size comes from the buffer; one that moved nothing would look like the end of the source.
+    fdio_destroy();
+    std::string mem = "0123456789";
+    const job_ptr t = job(1, &offset);
+    t->mmem = mem.data();
+    t->mmlen = mem.size();
+    t->mmem_out = 1;
+    EXPECT_DEATH(transfer(t.get(), 5, &n, nullptr), asserts("count != 0"));
 }

@@ -202,6 +202,19 @@ TEST_F(paced, sends_out_of_a_mapping_too)
     EXPECT_EQ(file_bytes(dir / "dst"), stream);
 }
 
+TEST_F(paced, out_of_a_mapping_needs_no_transfer_buffer)
+{
+    begin(100, 900, 100 * RSIZE, 10000);
+    fdio_destroy();
+    t.mmem = stream.data();
+    t.mmlen = stream.size();
+    t.mmem_out = 1;
+    EXPECT_EQ(step(), 0);
+    EXPECT_EQ(n, static_cast<ssize_t>(100 * RSIZE));
+    EXPECT_EQ(ix.o_left, 0);
+    EXPECT_EQ(file_bytes(dir / "dst"), stream);
+}
+
 TEST_F(paced, without_a_place_for_the_delay_is_a_plain_transfer)
 {
     begin(100, 900, 8 * RSIZE, 1000);
