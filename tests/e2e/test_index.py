@@ -139,6 +139,85 @@ def test_a_file_that_is_no_stream_is_refused_with_a_line(tmp_path):
     assert "lost TS sync" in made.stderr
 
 
+def even_stream(packets=100, pcr_pid=256, first_pcr=5):
+    """A PCR in every tenth packet from the one at `first_pcr` on, 3600 ticks apart."""
+    data = bytearray()
+    for n in range(packets):
+        if n % 10 == first_pcr % 10 and n >= first_pcr:
+            base = 90000 + n * 360
+            data += bytes([ts.SYNC, pcr_pid >> 8, pcr_pid & 0xff, 0x20, 183, 0x10])
+            data += struct.pack(">IB", base >> 1, (base & 1) << 7) + bytes(177)
+        else:
+            data += bytes([ts.SYNC, 0x01, 0x01, 0x10]) + bytes(184)
+    return bytes(data)
+
+
+@pytest.mark.parametrize("data, want", [
+    (b"", "invalid payload-record size"),
+    (even_stream() + b"G" * 50, "not whole packets"),
+    (even_stream(first_pcr=0), "cannot locate PCR pid"),
+    (even_stream(first_pcr=100), "cannot locate PCR pid"),
+    (even_stream(first_pcr=95), "fewer than two PCRs"),
+    (even_stream(pcr_pid=0), "PID 0"),
+    (even_stream(packets=7), "invalid payload-record size"),
+], ids=["empty", "torn", "pcr_in_first_packet", "no_pcr", "one_pcr", "pcr_on_pid_0", "one_record"])
+def test_a_stream_that_can_not_be_indexed_is_refused_with_a_line(tmp_path, data, want):
+    movie = tmp_path / "movie.ts"
+    movie.write_bytes(data)
+    made = tsix("make", movie)
+    assert (made.returncode, made.stdout) == (1, ""), made.stderr
+    assert want in made.stderr
+
+
+def lying_index(count=15, record_bytes=8, units=7, version=1, magic=b"TSIX", clocks=range(1, 16), size=1316):
+    head = HEADER.pack(magic, version, units, 0, count, record_bytes, b"\xfe" * 16)
+    return head + b"".join(struct.pack("<QH", 900 * c, size)[:max(8, min(record_bytes, 10))] for c in clocks)
+
+
+@pytest.mark.parametrize("flags, index, want", [
+    ((), lying_index(magic=b"#SIX"), "invalid IX header signature"),
+    ((), lying_index(version=2), "version mismatch, expected/got 1/2"),
+    ((), lying_index(count=0), "no records"),
+    ((), lying_index(record_bytes=9), "unknown record size"),
+    ((), lying_index(record_bytes=0), "unknown record size"),
+    ((), lying_index(record_bytes=10), "record size mismatch, expected/got 8/10"),
+    ((), lying_index(units=0), "no size of its records"),
+    ((), lying_index(units=101), "larger than the stream"),
+    ((), lying_index(clocks=[*range(1, 15), 0]), "record 14 has no time"),
+    (("-V",), lying_index(), "record size mismatch, expected/got 10/8"),
+    (("-V",), lying_index(record_bytes=10, clocks=[0, *range(14)]), "record 0 has no time"),
+    (("-V",), lying_index(record_bytes=10, size=0), "record 0 has no size"),
+], ids=["unfinished", "version", "no_records", "record_bytes_9", "record_bytes_0", "other_kind",
+        "no_units", "large_units", "zero_clock", "kind_of_flag", "zero_clock_with_sizes", "zero_size"])
+def test_an_index_that_lies_is_refused_with_a_line(tmp_path, flags, index, want):
+    movie = tmp_path / "movie.ts"
+    movie.write_bytes(even_stream())
+    (tmp_path / "movie.ix").write_bytes(index)
+    played = tsix("runs", *flags, 65536, 40, movie)
+    assert (played.returncode, played.stdout) == (1, ""), played.stderr
+    assert want in played.stderr
+
+
+@pytest.mark.parametrize("count", [16, 1 << 60])
+def test_an_index_that_counts_more_records_than_it_has_fails_where_they_end(tmp_path, count):
+    movie = tmp_path / "movie.ts"
+    movie.write_bytes(even_stream())
+    (tmp_path / "movie.ix").write_bytes(lying_index(count=count))
+    played = tsix("runs", 1316, 1000, movie)
+    assert played.returncode == 1
+    # Fourteen records come in one chunk; the last of them would have begun a run with the next chunk's.
+    assert played.stdout == "1316 10000\n" * 13
+    assert "tsx_next: " in played.stderr and "expected/read: " in played.stderr
+
+
+def test_an_index_with_a_count_below_its_records_is_played_that_far(tmp_path):
+    movie = tmp_path / "movie.ts"
+    movie.write_bytes(even_stream())
+    (tmp_path / "movie.ix").write_bytes(lying_index(count=14, clocks=[*range(1, 15), 0]))
+    played = tsix("runs", 14 * 1316, 1000, movie, tmp_path / "movie.ix")
+    assert (played.returncode, played.stdout) == (0, f"{14 * 1316} 140000\n"), played.stderr
+
+
 def test_a_wrong_command_line_is_answered_with_the_usage(tmp_path):
     for args in ([], ["sing"], ["make"], ["make", "-r", "x", "a.ts"], ["make", "-r", "-188", "a.ts"], ["show"],
                  ["runs", "1", "2"], ["runs", "1", "two", "a.ts"], ["make", "-q", "a.ts"]):
