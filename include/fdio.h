@@ -103,9 +103,9 @@ struct transfer_spec {
     unsigned mmem_out : 1; // the mapping is where the bytes come from; otherwise it is where they go
 
     // Filter of what was read, or null: works on `data` in place and stores what is left of `len` in *new_len, at most
-    // what there was. 0, or non-zero to fail the step with that number; errno is to be left alone. It is not called when
-    // nothing was read; by design into a mapping it is, with a length of 0 and perhaps no data, unless the read failed.
-    // By design a filter that leaves nothing fails an assertion, unless a mapping is used.
+    // what there was. 0, or non-zero to fail the step with that number; errno is to be left alone. It is not called
+    // when nothing was read; by design into a mapping it is, with a length of 0 and perhaps no data, unless the read
+    // failed. By design a filter that leaves nothing fails an assertion, unless a mapping is used.
     int (*inproc)(void* data, ssize_t len, ssize_t* new_len);
 
     struct tsix_stream* ix; // the paced file, or null

@@ -102,8 +102,8 @@ typedef struct tsix_ctx* tsix_t; // opaque: a stream file and its index
 // What a failed build has written stays at `ixpath`, and the next build fails on it until it is removed; only where
 // the stream gives no rate it is removed at once.
 // By design a PCR in the very first packet of the file counts as none, an rsize above 47940 puts a wrong record size
-// into the header, and three things fail an assertion: an empty file, a last load that is no whole number of packets,
-// a first PCR on PID 0.
+// into the header, one above 65424 into the records of TSX_VARLEN, too, and three things fail an assertion: an empty
+// file, a last load that is no whole number of packets, a first PCR on PID 0.
 // Requires: rsize above 0 (asserted), a multiple of 188, smaller than file and load; max_cached 0 or at least
 // MIN_PLD_CACHED.
 int tsx_mkix(const char* tspath, const char* ixpath, size_t rsize, size_t max_cached, uint32_t flags);

@@ -262,6 +262,21 @@ TEST(passed_descriptor, comes_no_more_from_a_closed_connection)
                                                     ", P, 0) ERROR(0): connection has been closed by peer"});
 }
 
+TEST(passed_descriptor, is_measured_as_data_that_comes_in)
+{
+    const Pair p;
+    char data[10] = "a";
+    ASSERT_EQ(send_fd(p.a.get(), data, 1, p.a.get()), 1);
+    psensors_init(nullptr, 1);
+    int fd = -5;
+    EXPECT_EQ(recv_fd(p.b.get(), data, sizeof(data), &fd, 0), 1);
+    const Fd owner(fd);
+    const struct timespec in = g_psensor[PRF_DATAIN].sensor.accum.tm;
+    EXPECT_TRUE(in.tv_sec > 0 || in.tv_nsec > 0);
+    EXPECT_FALSE(g_psensor[PRF_DATAIN].started);
+    psensors_destroy();
+}
+
 TEST(passed_descriptor, that_is_not_there_yet_is_said_only_if_verbose)
 {
     const Pair p;

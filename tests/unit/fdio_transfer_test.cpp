@@ -1,6 +1,7 @@
 // The transfer engine: each means of moving bytes, and what a step leaves in result, offset, flags and log.
 #include "lib/fdio_int.h"
 
+#include "psensor.h"
 #include "support/assert_kit.h"
 #include "support/fail_alloc.h"
 #include "support/index_kit.h"
@@ -561,6 +562,24 @@ TEST_F(transfer_step, by_sendto_sends_each_step_as_a_datagram)
     EXPECT_TRUE(errors[0].starts_with("transfer_out: sendto(" + num(from.get()) + ", ")) << errors[0];
     EXPECT_EQ(errors[1], "transfer (" + num(src.get()) + "->" + num(from.get()) +
                              ", 65536 bytes) write ERROR(90): Message too long");
+}
+
+TEST_F(transfer_step, by_sendto_or_sendfile_is_measured_as_data_that_goes_out)
+{
+    const auto has_measured = [](size_t i) {
+        const struct timespec& tm = g_psensor[i].sensor.accum.tm;
+        return (tm.tv_sec != 0 || tm.tv_nsec != 0) && !g_psensor[i].started;
+    };
+    Streams s(SOCK_DGRAM);
+    ASSERT_EQ(psensors_init(nullptr, 1), 0);
+    flags = FDIO_SENDTO;
+    EXPECT_EQ(fdio_int::transfer_out(job(s.out.get()).get(), "abc", 3), 3);
+    EXPECT_TRUE(has_measured(PRF_DATAOUT));
+    ASSERT_EQ(psensors_init(nullptr, 1), 0);
+    EXPECT_EQ(nsendfile(s.out.get(), src.get(), &offset, 10, 0, 0), 10);
+    EXPECT_TRUE(has_measured(PRF_DATAOUT));
+    EXPECT_FALSE(has_measured(PRF_DATAIN));
+    psensors_destroy();
 }
 
 TEST_F(transfer_step_death, of_no_bytes_at_all_fails_an_assertion)

@@ -380,6 +380,19 @@ TEST_F(tsix_build, a_record_size_of_more_than_255_packets_is_wrong_in_the_header
     EXPECT_EQ(file_bytes(ix), index_file(want_clocks(plan, 256), 0)); // By design: one byte is all that it has.
 }
 
+TEST_F(tsix_build, a_record_size_of_more_than_255_packets_is_right_in_the_records_of_the_other_kind)
+{
+    const stream_plan plan{2000, {{10, 1000}, {500, 9000}, {1000, 19000}, {1900, 30000}}};
+    for (const size_t units : {256U, 348U}) {
+        expect_right(plan, units, 0, TSX_VARLEN);
+        tsix_t t = tsx_open(ts.c_str(), ix.c_str(), 0, TSX_VARLEN);
+        ASSERT_NE(t, nullptr);
+        EXPECT_EQ(all_runs(t, 1, 1), want_runs(want_clocks(plan, units), units * PKT, 2000 * PKT, 1, 1));
+        tsx_close(t);
+    }
+    expect_right(plan, 349, 0, TSX_VARLEN); // By design: two bytes are all that it has here.
+}
+
 // ---- steps by themselves --------------------------------------------------------------------------------------
 
 TEST_F(tsix_build, no_record_is_stored_behind_the_end_of_the_load)
