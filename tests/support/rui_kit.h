@@ -74,6 +74,7 @@ protected:
     static void drop(void* rq)
     {
         s_self->dropped.push_back(rq);
+        s_self->dropped_fds.push_back(static_cast<rui_rq_header*>(rq)->fd);
         free(rq);
     }
     static bool tmout(void* rq, u_int ms) { return s_self->on_tmout && s_self->on_tmout(rq, ms); }
@@ -197,6 +198,7 @@ protected:
     std::function<int()> after;
     std::vector<int> made;
     std::vector<void*> dropped;
+    std::vector<int> dropped_fds;
     PeerPair base;
 
 private:

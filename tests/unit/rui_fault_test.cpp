@@ -102,7 +102,7 @@ TEST_F(RuiFaultTest, set_up_without_memory_for_the_queue_fails)
     set_callbacks();
     fail_alloc::at(1);
     EXPECT_EQ(rui_ctx_init(&cfg, &ctx), ENOMEM);
-    EXPECT_TRUE(log.contains("rui_setup_listeners: dlep_create() failed rc=12"));
+    EXPECT_EQ(log.messages(ll::error), (Lines{"rui_setup_listeners: dlep_create() failed rc=12"}));
     EXPECT_EQ(ctx.user[0].tag.num, 0);
     rui_ctx_destroy(&ctx); // harmless
 }
@@ -114,7 +114,7 @@ TEST_F(RuiFaultTest, set_up_without_memory_for_the_marks_fails_and_leaves_nothin
     for (const int nth : {2, 3}) {
         fail_alloc::at(nth);
         EXPECT_EQ(rui_ctx_init(&cfg, &ctx), -1);
-        EXPECT_TRUE(log.contains("rui_setup_listeners: xvlst_reserve() failed rc=-1"));
+        EXPECT_EQ(log.messages(ll::error).back(), "rui_setup_listeners: xvlst_reserve() failed rc=-1");
         EXPECT_EQ(ctx.user[0].tag.num, 0);
         EXPECT_EQ(ctx.user[0].requests, 0);
         EXPECT_TRUE(rui_validate(&ctx));

@@ -54,6 +54,17 @@ TEST_F(RuiTest, set_up_needs_both_callbacks_of_a_class_with_listeners)
     EXPECT_DEATH(rui_ctx_init(&cfg, &ctx), asserts("cb->new_rq && cb->rm_rq"));
 }
 
+TEST_F(RuiTest, one_class_can_be_set_up_alone)
+{
+    add_tcp(cfg.custom[0]);
+    set_callbacks();
+    FD_SET(7, &ctx.custom[0].accset);
+    ASSERT_EQ(rui_setup_listeners(RUI_CUSTOM, cfg.custom, ctx.custom), 0);
+    EXPECT_STREQ(ctx.custom[0].rqtag.sym, "cst");
+    EXPECT_FALSE(FD_ISSET(7, &ctx.custom[0].accset));
+    EXPECT_DEATH(rui_setup_listeners(3, cfg.custom, ctx.user), asserts("type >= 0 && type < RUI_MAX"));
+}
+
 TEST_F(RuiTest, a_class_without_listeners_needs_no_callbacks)
 {
     EXPECT_EQ(rui_ctx_init(&cfg, &ctx), 0);
@@ -145,6 +156,9 @@ TEST_F(RuiTest, a_listener_on_an_interface_has_its_address)
     socklen_t len = sizeof(in);
     ASSERT_EQ(getsockname(ctx.user[0].sockfd, reinterpret_cast<sockaddr*>(&in), &len), 0);
     EXPECT_EQ(in.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    const Fd peer = connect_to(ctx.user[0]);
+    EXPECT_EQ(accept_all(ctx.user[0]), 0);
+    EXPECT_EQ(queued(ctx.user[0]), 1u);
 }
 
 TEST_F(RuiTest, a_udp_listener_without_an_interface_takes_the_any_address)
@@ -266,6 +280,31 @@ TEST_F(RuiTest, a_stopped_listener_keeps_its_requests_and_can_be_started_again)
     EXPECT_EQ(queued(srv), 3u);
 }
 
+TEST_F(RuiTest, a_listener_can_be_resumed_with_another_configuration)
+{
+    add_tcp(cfg.user[0], "old");
+    add_tcp(cfg.custom[3], "new"); // a place of its own
+    start();
+    rui_socket_ctx& srv = ctx.user[0];
+    fill(srv, 1);
+    const int fd = srv.sockfd;
+    ASSERT_EQ(rui_stop_listener(&srv), 0);
+    EXPECT_EQ(log.messages(ll::warning),
+              (Lines{"usr listener fd" + std::to_string(fd) + " wll be closed (1 requsts queued)"}));
+    ASSERT_EQ(rui_start_listener(&cfg.custom[3], &srv), 0);
+    EXPECT_EQ(srv.lc, &cfg.custom[3]);
+    EXPECT_EQ(std::to_string(local_port(srv.sockfd)), cfg.custom[3].port);
+    EXPECT_EQ(queued(srv), 1u);
+}
+
+TEST_F(RuiTest, a_record_that_was_never_set_up_has_nothing_to_stop)
+{
+    rui_socket_ctx srv = {}; // whose descriptor is 0
+    EXPECT_EQ(rui_stop_listener(&srv), 0);
+    EXPECT_FALSE(srv.deferred);
+    EXPECT_TRUE(log.lines().empty());
+}
+
 TEST_F(RuiTest, an_idle_listener_stops_without_a_warning)
 {
     add_tcp(cfg.user[0]);
@@ -288,14 +327,22 @@ TEST_F(RuiTest, a_service_can_stop_listening_as_a_whole)
 {
     add_tcp(cfg.user[0]);
     add_tcp(cfg.user[1]);
+    add_tcp(cfg.admin[0]);
+    add_tcp(cfg.custom[0]);
     start();
     fill(ctx.user[0], 1);
     rui_ctx_stop(&ctx);
-    EXPECT_TRUE(ctx.user[0].deferred);
-    EXPECT_TRUE(ctx.user[1].deferred);
+    for (const rui_socket_ctx* srv : {&ctx.user[0], &ctx.user[1], &ctx.admin[0], &ctx.custom[0]}) {
+        EXPECT_TRUE(srv->deferred);
+        EXPECT_EQ(srv->sockfd, -1);
+        EXPECT_TRUE(srv->lc->is_valid);
+    }
     EXPECT_EQ(queued(ctx.user[0]), 1u);
-    EXPECT_TRUE(cfg.user[0].is_valid);
-    EXPECT_TRUE(log.contains("stop_listeners: 2 [usr] listener(s) stopped"));
+    Lines debug = log.messages(ll::debug);
+    std::erase_if(debug, [](const std::string& line) { return line.rfind("stop_listeners", 0) != 0; });
+    EXPECT_EQ(debug,
+              (Lines{"stop_listeners: 2 [usr] listener(s) stopped", "stop_listeners: 1 [adm] listener(s) stopped",
+                     "stop_listeners: 1 [cst] listener(s) stopped"}));
     EXPECT_EQ(rui_ctx_start(&ctx), 0);
 }
 
