@@ -5,7 +5,7 @@
 //         user: ( { alias = "tcp"; port = 7007; }, { alias = "local"; domain_path = "/tmp/echo.sock"; } );
 //         max_to_accept = 128;
 //         user_request_timeout = 5000;    // ms without a byte after which a connection is closed
-//         max_requests = 1000;            // of a listener; it stops there, and resumes below three quarters
+//         max_requests = 1000;            // of a listener, 2 or more; it stops there, and resumes below three quarters
 //     };
 // SIGTERM, SIGINT and SIGQUIT end it. Exit status: 0, 1 on failure, 2 on a wrong command line. The log goes to standard
 // error, with -v at the level info.
@@ -18,8 +18,8 @@
 #include "timeop.h"
 #include "util.h"
 
+#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -42,7 +42,7 @@ struct echo_rq {
 struct {
     struct rui_cfg cfg;
     struct rui_ctx ctx;
-    int max_requests;
+    int max_requests = static_cast<int>(RUI_MAX_QUEUED);
     struct timespec last_tick;
 } g_echo;
 
@@ -60,9 +60,8 @@ void* new_request(int fd, struct rui_socket_ctx*, void*)
 
 bool request_timed_out(void* p, u_int tmout_ms)
 {
-    auto* rq = static_cast<struct echo_rq*>(p);
     const struct timespec tmout = {tmout_ms / 1000, tmout_ms % 1000 * 1000000};
-    return timed_out(&rq->active, &tmout) && 0 == rui_pprm_request(rq);
+    return timed_out(&static_cast<struct echo_rq*>(p)->active, &tmout) && 0 == rui_pprm_request(p);
 }
 
 // Sends what is there. What the socket doesn't take waits until it is writable; meanwhile nothing more is read.
@@ -92,19 +91,20 @@ int receive(struct echo_rq* rq)
 // ---- the loop's callbacks -------------------------------------------------------------------------------------
 // The turn may hold a further event of a request that ends: so it is marked here, and goes in after_events.
 
-int on_connections(struct rui_socket_ctx* srv)
+int on_listener(struct rui_socket_ctx* srv, int flags)
 {
     if (srv->sockfd < 0) return 0; // stopped by an event ahead of this one
+    if (flags) rui_crash_on_error(srv, flags & RQS_SOCKHUP);
     const int rc = rui_accept(srv, g_echo.cfg.max_accept, RUI_TCP_NODELAY, nullptr);
-    // Out of descriptors, or as many requests as allowed: pause, instead of being called again at once.
-    const bool is_full = !rui_can_listen(srv, static_cast<size_t>(g_echo.max_requests));
-    if (is_full || EMFILE == rc || ENFILE == rc) (void)rui_stop_listener(srv); // logged
+    // No accept, say for want of descriptors, or as many as allowed: pause, instead of being called again at once.
+    const bool has_failed = rc > 0 && rc != RUI_QUEUE_FULL;
+    if (has_failed || !rui_can_listen(srv, static_cast<size_t>(g_echo.max_requests))) (void)rui_stop_listener(srv);
     return 0;
 }
 
-int on_read(int, int, void* udata, void*)
+int on_read(int, int flags, void* udata, void*)
 {
-    if (rui_is_listener(udata)) return on_connections(static_cast<struct rui_socket_ctx*>(udata));
+    if (rui_is_listener(udata)) return on_listener(static_cast<struct rui_socket_ctx*>(udata), flags);
     auto* rq = static_cast<struct echo_rq*>(udata);
     return receive(rq) ? rui_pprm_request(rq) : 0;
 }
@@ -118,7 +118,7 @@ int on_write(int, int, void* udata, void*)
 
 int on_error(int, int flags, void* udata, void*)
 {
-    if (rui_is_listener(udata)) rui_crash_on_error(static_cast<struct rui_socket_ctx*>(udata), flags & RQS_SOCKHUP);
+    if (rui_is_listener(udata)) return on_listener(static_cast<struct rui_socket_ctx*>(udata), flags);
     return rui_pprm_request(udata);
 }
 
@@ -141,23 +141,27 @@ int on_idle()
     return 0;
 }
 
-void set_tick(struct timespec* tmout)
-{
-    *tmout = TICK;
-}
-
 // ---- start and end --------------------------------------------------------------------------------------------
+
+bool can_serve(const char* path)
+{
+    bool is_fit = g_echo.max_requests > 1 && !g_echo.cfg.admin[0].is_valid && !g_echo.cfg.custom[0].is_valid;
+    for (const struct rui_listener_cfg& lc : g_echo.cfg.user)
+        is_fit = is_fit && (lc.domain_path[0] || lc.proto != IPPROTO_UDP);
+    if (!is_fit) tv_log(ll::error, "%s: echo takes user listeners, no udp, and max_requests above 1\n", path);
+    return is_fit;
+}
 
 int load(const char* path)
 {
     config_init(&g_libcfg);
-    int rc = CONFIG_TRUE == config_read_file(&g_libcfg, path) ? 0 : -1;
-    if (rc) tv_log(ll::error, "%s:%d: %s\n", path, config_error_line(&g_libcfg), config_error_text(&g_libcfg));
-    config_setting_t* s = rc ? nullptr : config_lookup(&g_libcfg, "echo");
-    if (!rc && !s) tv_log(ll::error, "%s: no group echo\n", path);
-    if (!s || load_rui_config(s, &g_echo.cfg)) rc = -1;
-    g_echo.max_requests = static_cast<int>(RUI_MAX_QUEUED);
-    if (!rc) (void)config_setting_lookup_int(s, "max_requests", &g_echo.max_requests); // or the default
+    config_setting_t* s = nullptr;
+    if (CONFIG_TRUE != config_read_file(&g_libcfg, path))
+        tv_log(ll::error, "%s:%d: %s\n", path, config_error_line(&g_libcfg), config_error_text(&g_libcfg));
+    else if (!(s = config_lookup(&g_libcfg, "echo")))
+        tv_log(ll::error, "%s: no group echo\n", path);
+    if (s) (void)config_setting_lookup_int(s, "max_requests", &g_echo.max_requests); // or the default
+    const int rc = s && 0 == load_rui_config(s, &g_echo.cfg) && can_serve(path) ? 0 : -1;
     config_destroy(&g_libcfg);
     if (rc) rui_cfg_free(&g_echo.cfg);
     return rc;
@@ -168,7 +172,8 @@ int serve()
     struct rui_socket_cb user = {{{'u', 's', 'r', 0}}, new_request, free, request_timed_out};
     rui_set_cb(RUI_USER, &user);
     struct rqs_config loop = {};
-    loop.cb = {set_tick, on_idle, on_read, on_write, on_error, after_events, nullptr, nullptr, nullptr};
+    loop.cb = {nullptr, on_idle, on_read, on_write, on_error, after_events, nullptr, nullptr, nullptr};
+    loop.cb.update_tmout = [](struct timespec* tmout) { *tmout = TICK; };
 
     int rc = rqs_init(&loop);
     if (!rc) rc = rui_ctx_init(&g_echo.cfg, &g_echo.ctx);

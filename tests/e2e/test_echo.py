@@ -1,7 +1,9 @@
 """The example service `echo` as a process: connections over TCP and a local socket, load, time-outs, its end."""
+import ctypes
 import os
 import re
 import resource
+import select
 import signal
 import socket
 import subprocess
@@ -12,6 +14,9 @@ import pytest
 from conftest import ASAN_BUILD, BUILD, DEADLINE, free_port, wait_until
 
 PIECE = b"0123456789abcdef" * 1024
+QUEUE_MAX = 1000  # requests of a listener
+RESET = b"\1\0\0\0\0\0\0\0"  # SO_LINGER: on, for no time
+SYS_PIDFD_GETFD = 438
 
 
 class Echo:
@@ -30,6 +35,7 @@ class Echo:
             max_to_accept = 128; {extra} }};""")
 
         def limit():
+            resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
             if descriptors:
                 resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))
 
@@ -57,6 +63,33 @@ class Echo:
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
+    def status(self, key):
+        return re.search(rf"^{key}:\s+(\S+)", Path(f"/proc/{self.process.pid}/status").read_text(), re.M)[1]
+
+    def idle_turns(self, count):
+        """Lets so many turns of the loop pass. A turn without events takes as long as the service's tick."""
+        end = int(self.status("voluntary_ctxt_switches")) + count
+        wait_until(lambda: int(self.status("voluntary_ctxt_switches")) >= end, "the service's turns")
+
+    def queue(self, connect, count):
+        """So many connections, all queued."""
+        socks, before = [], self.log().count("rui_add_request: OK")
+        while len(socks) < count:
+            socks += [connect() for _ in range(min(100, count - len(socks)))]  # what a backlog holds
+            wait_until(lambda: self.log().count("rui_add_request: OK") == before + len(socks), "the requests")
+        return socks
+
+    def listener(self, alias):
+        """The listening socket itself, as a descriptor of ours."""
+        number = re.findall(rf"STARTED listener fd(\d+) for usr requests on {alias}:", self.log())[-1]
+        libc = ctypes.CDLL(None, use_errno=True)
+        pidfd = os.pidfd_open(self.process.pid)
+        fd = libc.syscall(SYS_PIDFD_GETFD, pidfd, int(number), 0)
+        os.close(pidfd)
+        if fd < 0:
+            pytest.skip(f"no descriptor of another process here: {os.strerror(ctypes.get_errno())}")
+        return socket.socket(fileno=fd)
+
     def stop(self, number=signal.SIGTERM):
         self.process.send_signal(number)
         return self.process.wait(DEADLINE)
@@ -73,6 +106,19 @@ def echo(tmp_path):
     if service.process and service.process.poll() is None:
         service.process.kill()
         service.process.wait()
+
+
+@pytest.fixture
+def many_descriptors():
+    """Room for a full queue of connections on this side."""
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    want = 2 * QUEUE_MAX
+    if soft < want:
+        if hard != resource.RLIM_INFINITY and hard < want:
+            pytest.skip(f"only {hard} descriptors")
+        resource.setrlimit(resource.RLIMIT_NOFILE, (want, hard))
+    yield
+    resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
 def take(sock, size):
@@ -125,10 +171,36 @@ def test_a_peer_that_resets_its_connection_is_gone(echo, build):
     for _ in range(20):
         sock = echo.tcp()
         sock.sendall(PIECE)
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
         sock.close()
     wait_until(lambda: echo.descriptors() == before and echo.log().count("rm_request: OK") == 20, "the removals")
     assert echo.stop() == 0
+
+
+@pytest.mark.parametrize("build", builds())
+def test_connections_that_die_while_the_service_is_held_up_end_in_one_turn(echo, build):
+    echo.start(build=build)
+    before = echo.descriptors()
+    socks = echo.queue(echo.tcp, 24) + echo.queue(echo.local, 24)
+    for sock in socks:
+        sock.sendall(b"x")
+        assert take(sock, 1) == b"x"
+    echo.process.send_signal(signal.SIGSTOP)
+    wait_until(lambda: echo.status("State") == "T", "the stop")
+    for i, sock in enumerate(socks):
+        if i % 2:
+            sock.sendall(PIECE)
+        if i % 4 < 2:
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
+        sock.close()
+    with echo.tcp() as fresh:  # waits in the same turn
+        echo.process.send_signal(signal.SIGCONT)
+        fresh.sendall(b"and me?")
+        assert take(fresh, 7) == b"and me?"
+    wait_until(lambda: echo.log().count("rm_request: OK") == len(socks) + 1, "the removals")
+    assert echo.descriptors() == before
+    assert echo.stop() == 0
+    assert "(ERR)" not in echo.log()
 
 
 def test_a_silent_connection_times_out(echo):
@@ -138,26 +210,113 @@ def test_a_silent_connection_times_out(echo):
     assert "tmout_srv: 1 [usr] requests timed out" in echo.log()
 
 
-def test_a_listener_stops_at_its_maximum_and_resumes_below_three_quarters(echo):
+def test_a_connection_that_speaks_outlives_one_that_is_silent(echo):
+    echo.start("user_request_timeout = 1000;")
+    with echo.tcp() as silent, echo.tcp() as busy:
+        while not select.select([silent], [], [], 0.05)[0]:
+            busy.sendall(b"x")
+            assert take(busy, 1) == b"x"
+        assert silent.recv(1) == b""
+        busy.sendall(b"still")
+        assert take(busy, 5) == b"still"
+    assert "tmout_srv: 1 [usr] requests timed out" in echo.log()
+
+
+# ---- load -------------------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("build", builds())
+def test_the_thousand_and_first_connection_is_refused(echo, many_descriptors, build):
+    echo.start(f"max_requests = {2 * QUEUE_MAX};", build=build, descriptors=1024)
+    socks = echo.queue(echo.tcp, QUEUE_MAX)
+    assert "Too many" not in echo.log()
+    for _ in range(2):  # one behind the other: the listener goes on
+        with echo.tcp() as refused:
+            assert refused.recv(1) == b""
+    log = echo.log()
+    assert log.count("rui_add_request: Too many user requests (1000) queued") == 2
+    assert len(re.findall(r"Error rc=16 processing connection \[127\.0\.0\.1:\d+\] fd=\d+", log)) == 2
+    with echo.local() as other:  # another listener's queue
+        other.sendall(b"x")
+        assert take(other, 1) == b"x"
+    for i, sock in enumerate(socks):
+        sock.sendall(b"%04d" % i)
+    for i, sock in enumerate(socks):
+        assert take(sock, 4) == b"%04d" % i
+    gone = echo.log().count("rm_request: OK")
+    socks.pop().close()
+    wait_until(lambda: echo.log().count("rm_request: OK") == gone + 1, "the removal")
+    socks += echo.queue(echo.tcp, 1)
+    for sock in socks:
+        sock.close()
+    wait_until(lambda: echo.log().count("rm_request: OK") == gone + 1 + QUEUE_MAX, "the removals")
+    assert echo.stop() == 0
+
+
+def test_a_listener_with_a_full_queue_stops_and_resumes_below_750(echo, many_descriptors):
+    echo.start(descriptors=1024)
+    socks = echo.queue(echo.tcp, QUEUE_MAX)
+    wait_until(lambda: "wll be closed (1000 requsts queued)" in echo.log(), "the stop")
+    with pytest.raises(ConnectionRefusedError):
+        echo.tcp()
+    for _ in range(250):
+        socks.pop().close()
+    wait_until(lambda: echo.log().count("rm_request: OK") == 250, "the removals")
+    echo.idle_turns(5)
+    with pytest.raises(ConnectionRefusedError):
+        echo.tcp()
+    socks.pop().close()
+    wait_until(lambda: "; 749 requests pending" in echo.log(), "the resumption")
+    socks += echo.queue(echo.tcp, 1)
+    socks[-1].sendall(b"x")
+    assert take(socks[-1], 1) == b"x"
+    assert "(ERR)" not in echo.log()
+    for sock in socks:
+        sock.close()
+
+
+@pytest.mark.parametrize("kind", ["tcp", "local"])
+def test_a_listener_stops_at_its_maximum_and_resumes_below_three_quarters(echo, kind):
     echo.start("max_requests = 4;")
-    with echo.local() as held:  # of another listener: not counted
-        socks = [echo.tcp() for _ in range(4)]
+    connect, connect_other = (echo.tcp, echo.local) if kind == "tcp" else (echo.local, echo.tcp)
+    with connect_other() as held:  # of another listener: not counted
+        socks = [connect() for _ in range(4)]
         wait_until(lambda: "wll be closed (4 requsts queued)" in echo.log(), "the stop")
         with pytest.raises(ConnectionRefusedError):
-            echo.tcp()
+            connect()
         socks.pop().close()
         wait_until(lambda: echo.log().count("rm_request: OK") == 1, "the removal")
+        echo.idle_turns(5)
         with pytest.raises(ConnectionRefusedError):  # three of four: not yet
-            echo.tcp()
+            connect()
         socks.pop().close()
         wait_until(lambda: "; 2 requests pending" in echo.log(), "the resumption")
-        with echo.tcp() as again:
+        assert "rui_should_listen: usr (2 requsts queued)" in echo.log()
+        with connect() as again:
             again.sendall(b"back")
             assert take(again, 4) == b"back"
         for sock in socks + [held]:  # those queued all the time
             sock.sendall(b"here")
             assert take(sock, 4) == b"here"
             sock.close()
+    assert echo.stop() == 0
+
+
+def test_a_stopped_listener_whose_port_is_taken_resumes_when_it_is_free(echo):
+    echo.start("max_requests = 2;")
+    socks = [echo.tcp() for _ in range(2)]
+    wait_until(lambda: "wll be closed (2 requsts queued)" in echo.log(), "the stop")
+    with socket.socket() as taken:
+        taken.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        taken.bind(("0.0.0.0", echo.port))
+        taken.listen()
+        for sock in socks:
+            sock.close()
+        wait_until(lambda: echo.log().count("rui_start_listener: failed to start usr listener") > 1, "two tries")
+    wait_until(lambda: "; 0 requests pending" in echo.log().rpartition("failed to start")[2], "the resumption")
+    with echo.tcp() as sock:
+        sock.sendall(b"x")
+        assert take(sock, 1) == b"x"
     assert echo.stop() == 0
 
 
@@ -189,6 +348,19 @@ def test_a_service_without_descriptors_goes_on_when_it_has_some(echo):
     assert echo.stop() == 0
 
 
+# ---- its end ------------------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("name", ["tcp", "local"])
+def test_a_listening_socket_that_fails_ends_the_process(echo, name):
+    echo.start()
+    with echo.listener("all" if name == "tcp" else echo.path) as listener:
+        listener.shutdown(socket.SHUT_RDWR)
+    assert echo.process.wait(DEADLINE) == -signal.SIGABRT
+    assert f"rui_crash_on_error: HUP listener[{name}] ERROR(0): Success" in echo.log()
+    assert "Aborting at:" in echo.log()
+
+
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
 def test_it_ends_in_order_with_connections_open(echo, number):
     echo.start()
@@ -208,12 +380,19 @@ def test_it_ends_in_order_with_connections_open(echo, number):
     ("admin: { port = 70000; };", "load_listener_from: invalid port value: [70000]"),
     ("admin: { protocol = \"sctp\"; port = 1; };", "load_listener_from: invald protocol for []: sctp"),
     ("admin: { ifc = \"nosuchifc\"; port = 1; };", "invalid network interface name/address: nosuchifc"),
+    ("admin: { port = 1; };", "echo takes user listeners, no udp, and max_requests above 1"),
+    ("custom: { domain_path = \"/nonexistent/x\"; };", "echo takes user listeners, no udp, and max_requests above 1"),
+    ("user: { protocol = \"udp\"; port = 1; };", "echo takes user listeners, no udp, and max_requests above 1"),
+    ("max_requests = 1;", "echo takes user listeners, no udp, and max_requests above 1"),
+    ("max_requests = -1;", "echo takes user listeners, no udp, and max_requests above 1"),
     ("max_to_accept", "syntax error"),
 ])
 def test_a_bad_configuration_ends_it_with_a_word(echo, extra, said):
     text = extra if "max_to_accept" in extra else "max_to_accept = 1; " + extra
     config = echo.folder / "bad.conf"
-    config.write_text(f"echo: {{ user: {{ port = {echo.port}; }}; {text} }};")
+    if "user:" not in text:
+        text += f" user: {{ port = {echo.port}; }};"
+    config.write_text(f"echo: {{ {text} }};")
     done = subprocess.run([BUILD / "example_echo", config], capture_output=True, text=True, timeout=DEADLINE)
     assert done.returncode == 1
     assert said in done.stderr
