@@ -179,7 +179,8 @@ int rui_start_listener(struct rui_listener_cfg* cfg, struct rui_socket_ctx* srv)
 // the error code of leaving the loop, logged, with the socket closed all the same.
 // Requires: a listening listener is not marked deferred (assertion).
 int rui_stop_listener(struct rui_socket_ctx* srv);
-// A listening socket must never fail: says which one and why, and aborts. For the loop's error callback.
+// A listening socket must never fail: says which one and why, and aborts. For the loop's error callback, and for its
+// read callback where error flags come with a listener.
 [[noreturn]] void rui_crash_on_error(struct rui_socket_ctx* rsc, bool is_hup);
 
 // True if a loop's udata is a listener; otherwise it is a request, or what else the service put into the loop.
@@ -216,7 +217,8 @@ void rui_pprm_all(struct rui_ctx* ctx);
 void rui_tmout_all(struct rui_ctx* ctx, u_int tmout_ms);
 
 // Load control. A listener may take requests below max_requests; one that was stopped should resume below three
-// quarters of max_req only, so that it doesn't flap (an info line then, if it is stopped).
+// quarters of max_req only, so that it doesn't flap (an info line then, if it is stopped). By design the quarters are
+// rounded down: with a max_req of 1 it never should.
 bool rui_can_listen(const struct rui_socket_ctx* srv, size_t max_requests);
 bool rui_should_listen(const struct rui_socket_ctx* srv, size_t max_req);
 
