@@ -564,6 +564,18 @@ TEST_F(transfer_step, by_sendto_sends_each_step_as_a_datagram)
                              ", 65536 bytes) write ERROR(90): Message too long");
 }
 
+TEST_F(transfer_step, by_sendto_to_nobody_does_not_end_the_process)
+{
+    Streams s;
+    s.in = Fd();
+    signal(SIGPIPE, SIG_DFL);
+    flags = FDIO_SENDTO;
+    EXPECT_EQ(transfer(job(s.out.get(), &offset).get(), 20, &n, nullptr), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(flags, FDIO_SENDTO | FDIO_ERR_WRITE);
+    EXPECT_EQ(offset, 0);
+}
+
 TEST_F(transfer_step, by_sendto_or_sendfile_is_measured_as_data_that_goes_out)
 {
     const auto has_measured = [](size_t i) {

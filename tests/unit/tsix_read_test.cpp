@@ -315,6 +315,8 @@ TEST_F(tsix_read, a_count_that_proves_wrong_later_fails_the_run_each_time)
     EXPECT_EQ(next(t, 10 * RSIZE, 100000), run(size_t(-1), 12345));
     EXPECT_EQ(plain(log.messages(ll::error)),
               (strings{"tsx_next: (P) expected/read: 1816/80", "tsx_next: (P) failed, rc=-1"}));
+    EXPECT_EQ(uint64_t{t->ixbuf.ir[10].sclk}, 0u); // nothing of the chunk before is left
+    EXPECT_EQ(uint64_t{t->ixbuf.ir[chunk - 1].sclk}, 0u);
     EXPECT_EQ(next(t, 10 * RSIZE, 100000), run(size_t(-1), 12345));
     EXPECT_EQ(next(t, 10 * RSIZE, 100000), run(size_t(-1), 12345));
     EXPECT_EQ(t->iter.idx, chunk);
