@@ -178,6 +178,24 @@ void make_texts()
     seed("http", "long_tail", "HTTP/1.1 200 OK\r\n\r\n" + std::string(600, 'G'));
 }
 
+void make_configs()
+{
+    seed("config", "kvt",
+         "kvt: { log: { file = \"/tmp/k{N}.log\"; level = \"info\"; time_format = \"gmt\"; max_size_mb = 1; };\n"
+         "alert_log: { file = \"|logger\"; syslog_facility = \"local3\"; eod_rotate = true; };\n"
+         "runtime: { pidfile = \"/tmp/k.pid\"; non_daemon = true; run_as_user = \"nobody\"; cpunum = 1; };\n"
+         "stream_analyzer: { enabled = true; pcr_freq_ms = 100; cc: { track = true; }; };\n"
+         "snapshot: { dir_path = \"/tmp\"; }; };\n");
+    seed("config", "listeners",
+         "user: ( { alias = \"front\"; ifc = \"lo\"; port = 7007; }, { domain_path = \"/tmp/e.sock\"; },\n"
+         "        { protocol = \"UDP\"; default_af = \"inet6\"; port = \"0080\"; }, { default_af = \"all\"; } );\n"
+         "admin: { ifc = \"127.0.0.1\"; default_af = \"inet\"; port = 65535; };\n"
+         "max_to_accept = 128; user_request_timeout = 5000; admin_request_timeout = 1;\n");
+    seed("config", "bad_listeners",
+         "user: ( 1, { port = 99999999999L; } ); custom: [\"a\"]; max_to_accept = -1; custom_request_timeout = 0x0;");
+    seed("config", "no_group", "kvt = 1; user = ( ( ( ) ) ); max_to_accept = 1.5;");
+}
+
 void make_requests()
 {
     const std::string_view headers = " HTTP/1.1\r\nHost: example.com:80\r\nUser-Agent: A b/1 (c; d)\r\nConnection: "
@@ -274,6 +292,7 @@ int main(int argc, char** argv)
     make_tsan();
     make_index();
     make_texts();
+    make_configs();
     make_requests();
     return 0;
 }
