@@ -449,6 +449,33 @@ TEST_F(FwatchTest, a_record_of_another_kind_is_a_warning)
     EXPECT_TRUE(log.contains("mask=0x0100 [c] cookie=0 [new]")) << "the record's name comes last";
 }
 
+TEST_F(FwatchTest, records_that_the_kernel_had_to_drop_are_a_warning)
+{
+    start();
+    open_file();
+    owner.wd = rqs_add_file_watch(&owner, path.c_str());
+    const Fd kept(dup(g_ino.fd));
+    LoopPipe p;
+    inotify_event ev = {};
+    ev.wd = -1; // of no watch
+    ev.mask = IN_Q_OVERFLOW;
+    ASSERT_EQ(write(p.out.get(), &ev, sizeof(ev)), static_cast<ssize_t>(sizeof(ev)));
+    ev.wd = owner.wd;
+    ev.mask = IN_MODIFY;
+    ASSERT_EQ(write(p.out.get(), &ev, sizeof(ev)), static_cast<ssize_t>(sizeof(ev)));
+    ASSERT_EQ(dup2(p.in.get(), g_ino.fd), g_ino.fd);
+    append();
+    on_file = [](int, int, void*, void*) {
+        g_quit = 1;
+        return 0;
+    };
+    LogCapture log;
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(log.messages(ll::warning), Lines{"process_inotify_records: unhandled inotify mask: 0x4000"});
+    EXPECT_EQ(log.messages(ll::error), Lines{});
+    EXPECT_EQ(file_calls(), Trace{file_of(owner.wd)}) << "the walk goes on";
+}
+
 TEST_F(FwatchTest, the_mask_is_spelled_in_letters)
 {
     const struct {
@@ -537,6 +564,23 @@ TEST_F(FwatchTest, a_descriptor_that_is_not_ready_after_all_is_a_failure)
     LogCapture log;
     EXPECT_EQ(run(), 1);
     EXPECT_EQ(log.messages(ll::error), Lines{});
+    EXPECT_EQ(file_calls(), Trace{});
+}
+
+TEST_F(FwatchTest, a_descriptor_that_tells_its_bytes_and_cannot_be_read_is_a_failure)
+{
+    write_file(dir / "g", "sixteen bytes ..");
+    start();
+    open_file();
+    owner.wd = rqs_add_file_watch(&owner, path.c_str());
+    const Fd kept(dup(g_ino.fd));
+    const Fd other(open((dir / "g").c_str(), O_WRONLY));
+    ASSERT_EQ(dup2(other.get(), g_ino.fd), g_ino.fd);
+    append();
+    LogCapture log;
+    EXPECT_EQ(run(), 1);
+    EXPECT_FALSE(log.contains("bytes of inotify data expected/read"));
+    EXPECT_EQ(log.messages(ll::error).size(), 1u) << "the read's own";
     EXPECT_EQ(file_calls(), Trace{});
 }
 

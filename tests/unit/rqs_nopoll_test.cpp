@@ -177,6 +177,21 @@ TEST_F(NopollTest, beside_polled_descriptors_the_wait_is_a_look)
     EXPECT_EQ(log.count("wait4events: timeout=0.000000 sec"), 2u);
 }
 
+TEST_F(NopollTest, a_turn_without_a_wait_has_no_events_left_from_the_last_one)
+{
+    end_after(2);
+    start();
+    LoopPipe p;
+    p.feed();
+    ASSERT_EQ(rqs_add_reader(p.in.get(), nullptr), 0);
+    ssize_t i = -1;
+    rqs_add_nopoll_reader(100, &i, nullptr);
+    on_read = [&p](int fd, int, void*, void*) { return fd == p.in.get() ? rqs_rm_fd(fd, true, false) : 0; };
+    EXPECT_EQ(rqs_event_loop(), 0);
+    EXPECT_EQ(trace, (Trace{read_of(100), read_of(p.in.get()), "idle", read_of(100), "idle"}));
+    EXPECT_EQ(g_rqs.events.len, 0u);
+}
+
 TEST_F(NopollTest, a_failure_ends_the_walk_and_the_loop_with_its_result)
 {
     post_process = [] { return 0; };
@@ -341,6 +356,43 @@ TEST_F(NopollTest, removals_postponed_by_polled_descriptors_are_carried_out_behi
     };
     EXPECT_EQ(rqs_event_loop(), 0);
     EXPECT_EQ(i, -1);
+}
+
+TEST_F(NopollTest, removals_postponed_by_a_failed_event_are_carried_out_before_the_loop_ends)
+{
+    start();
+    LoopPipe p;
+    p.feed();
+    ssize_t i = -1;
+    rqs_add_nopoll_writer(100, &i, nullptr);
+    ASSERT_EQ(rqs_add_reader(p.in.get(), nullptr), 0);
+    on_write = [](int, int, void*, void*) { return 0; };
+    on_read = [&i](int, int, void*, void*) {
+        rqs_pprm_nopoll(i);
+        return -1;
+    };
+    EXPECT_EQ(rqs_event_loop(), 1);
+    EXPECT_EQ(i, -1);
+    EXPECT_EQ(rqs_fd_count(2), 0u);
+}
+
+TEST_F(NopollTest, removals_postponed_in_post_processing_are_carried_out_before_the_idle_call)
+{
+    ssize_t i = -1;
+    on_read = [](int, int, void*, void*) { return 0; };
+    post_process = [&i] {
+        if (rqs_ctx(RQS_CTX_STAGE, nullptr) == RQS_STAGE_POST1) rqs_pprm_nopoll(i);
+        return 0;
+    };
+    on_idle = [&i] {
+        EXPECT_EQ(i, -1);
+        g_quit = 1;
+        return 0;
+    };
+    start();
+    rqs_add_nopoll_reader(100, &i, nullptr);
+    EXPECT_EQ(rqs_event_loop(), 0);
+    EXPECT_EQ(trace, (Trace{read_of(100), "post", "idle", "post"}));
 }
 
 TEST_F(NopollTest, removals_postponed_behind_the_last_purge_of_a_turn_are_carried_out_in_the_next)

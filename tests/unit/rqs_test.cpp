@@ -175,11 +175,13 @@ TEST_F(RqsTest, releases_all_at_the_end_and_may_be_destroyed_again)
     const int inofd = g_ino.fd;
     LoopPipe p;
     ASSERT_EQ(rqs_add_reader(p.in.get(), nullptr), 0);
+    ASSERT_EQ(xvec_reserve(&g_rqs.changes, 1, sizeof(epoll_event), 1), 0); // which no call of the loop's fills
     rqs_destroy();
     EXPECT_FALSE(is_open(loopfd));
     EXPECT_FALSE(is_open(inofd));
     EXPECT_EQ(g_rqs.loopfd, -1);
     EXPECT_EQ(g_rqs.events.data, nullptr);
+    EXPECT_EQ(g_rqs.changes.data, nullptr);
     EXPECT_EQ(g_rqs.nopoll.data, nullptr);
     EXPECT_EQ(g_rqs.nopoll_rm.data, nullptr);
     EXPECT_TRUE(rqs_validate());
@@ -294,6 +296,17 @@ TEST_F(RqsTest, cannot_change_or_remove_what_was_never_added)
     EXPECT_EQ(log.messages(ll::debug), Lines{text_of("rqs_rm_fd: REMOVE fd=%d from epoll FAILED [rc=-1]", fd)});
 }
 
+TEST_F(RqsTest, before_init_has_nothing_to_remove)
+{
+    LoopPipe p;
+    LogCapture log;
+    EXPECT_EQ(rqs_rm_fd(p.in.get(), true, false), -1);
+    const int err = errno; // depends on what descriptor 0 is
+    const std::string del = text_of("rqs_rm_fd: epoll_ctl(0, EPOLL_CTL_DEL, %d,..)", p.in.get());
+    EXPECT_EQ(log.messages(ll::error), Lines{errno_text(del, err)});
+    EXPECT_EQ(rqs_fd_count(1), 0u);
+}
+
 TEST_F(RqsTest, after_its_end_takes_removals_and_refuses_additions)
 {
     start();
@@ -368,6 +381,35 @@ TEST_F(RqsTest, runs_a_turn_in_order)
     EXPECT_EQ(debug[3], "rqs_event_loop: processing 1 pollable events");
 }
 
+TEST_F(RqsTest, told_to_quit_in_a_callback_finishes_its_turn)
+{
+    on_read = [](int, int, void*, void*) {
+        g_quit = 1;
+        return 0;
+    };
+    post_process = [] { return 0; };
+    on_idle = [] { return 0; };
+    start();
+    LoopPipe p;
+    p.feed();
+    ASSERT_EQ(rqs_add_reader(p.in.get(), nullptr), 0);
+    EXPECT_EQ(rqs_event_loop(), 0);
+    EXPECT_EQ(trace, (Trace{read_of(p.in.get()), "post", "idle", "post"}));
+}
+
+TEST_F(RqsTest, goes_through_its_stages_without_post_processing_too)
+{
+    wait_at_most_ms(0);
+    on_idle = [] {
+        EXPECT_EQ(rqs_ctx(RQS_CTX_STAGE, nullptr), RQS_STAGE_POST1);
+        g_quit = 1;
+        return 0;
+    };
+    start();
+    EXPECT_EQ(rqs_event_loop(), 0);
+    EXPECT_EQ(rqs_ctx(RQS_CTX_STAGE, nullptr), RQS_STAGE_POST2);
+}
+
 TEST_F(RqsTest, does_with_its_three_required_callbacks)
 {
     start();
@@ -418,12 +460,17 @@ TEST_F(RqsTest, ends_with_the_result_of_on_idle)
 {
     wait_at_most_ms(0);
     post_process = [] { return 0; };
-    on_idle = [] { return 7; };
+    int result = 0;
+    on_idle = [&result] { return result; };
     start();
     LogCapture log;
-    EXPECT_EQ(rqs_event_loop(), 7);
-    EXPECT_EQ(trace, (Trace{"tmout", "post", "idle"}));
-    EXPECT_EQ(log.messages(ll::info).back(), "Exiting event loop, 0 failed, rc=7, quit=0");
+    for (const int r : {7, -7}) {
+        result = r;
+        trace.clear();
+        EXPECT_EQ(rqs_event_loop(), r);
+        EXPECT_EQ(trace, (Trace{"tmout", "post", "idle"}));
+        EXPECT_EQ(log.messages(ll::info).back(), text_of("Exiting event loop, 0 failed, rc=%d, quit=0", r));
+    }
 }
 
 TEST_F(RqsTest, ends_with_the_result_of_the_first_post_processing)

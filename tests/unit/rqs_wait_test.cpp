@@ -309,6 +309,23 @@ TEST_F(RqsWaitTest, has_the_error_flags_ride_along_with_a_write)
     EXPECT_EQ(trace, (Trace{write_of(p.out.get(), RQS_SOCKERR), error_of(p.out.get(), RQS_SOCKERR)}));
 }
 
+TEST_F(RqsWaitTest, tells_an_error_and_a_hang_up_of_one_event_together)
+{
+    start();
+    PeerPair pair;
+    put(pair.fd(), "x");
+    pair.there = Fd(); // with the byte unread: a reset
+    ASSERT_EQ(rqs_add_reader(pair.fd(), nullptr), 0);
+    on_read = [](int fd, int, void*, void*) { return rqs_mod(fd, nullptr, 0); };
+    on_error = [](int, int, void*, void*) {
+        g_quit = 1;
+        return 0;
+    };
+    EXPECT_EQ(rqs_event_loop(), 0);
+    EXPECT_EQ(trace,
+              (Trace{read_of(pair.fd(), RQS_SOCKERR | RQS_SOCKHUP), error_of(pair.fd(), RQS_SOCKERR | RQS_SOCKHUP)}));
+}
+
 TEST_F(RqsWaitTest, counts_the_half_closed_peer_as_a_hang_up)
 {
     start();
@@ -353,7 +370,10 @@ TEST_F(RqsWaitTest, walks_on_behind_a_failed_event_and_ends_with_their_number)
         x.feed();
         ASSERT_EQ(rqs_add_reader(x.in.get(), nullptr), 0);
     }
-    on_read = [&p](int fd, int, void*, void*) { return fd == p[1].in.get() ? 0 : -3; };
+    on_read = [&p](int fd, int, void*, void*) {
+        if (fd == p[1].in.get()) return 0;
+        return fd == p[0].in.get() ? 4 : -3; // either sign is a failure
+    };
     LogCapture log;
     EXPECT_EQ(rqs_event_loop(), 2);
     EXPECT_EQ(trace, (Trace{read_of(p[0].in.get()), read_of(p[1].in.get()), read_of(p[2].in.get()), "post"}));
@@ -504,6 +524,25 @@ TEST_F(CrowdTest, is_not_told_of_when_a_slot_is_left)
     EXPECT_EQ(rqs_event_loop(), 0);
     EXPECT_EQ(g_rqs.events.max_len, 20u);
     EXPECT_EQ(log.messages(ll::warning), Lines{});
+}
+
+TEST_F(CrowdTest, is_told_of_in_a_buffer_of_sixteen_and_not_in_one_of_fifteen)
+{
+    for (const size_t n : {size_t{15}, size_t{16}}) {
+        SCOPED_TRACE(n);
+        wait_at_most_ms(0);
+        end_after(1);
+        start();
+        ASSERT_EQ(xvec_reserve(&g_rqs.events, 20, sizeof(epoll_event), 10), 0);
+        g_rqs.events.max_len = n; // growth gives no such size
+        crowd(n);
+        LogCapture log;
+        EXPECT_EQ(rqs_event_loop(), 0);
+        EXPECT_EQ(g_rqs.events.len, n);
+        EXPECT_EQ(log.messages(ll::warning), n == 16 ? Lines{FULL} : Lines{});
+        g_quit = 0;
+        rqs_destroy();
+    }
 }
 
 TEST_F(CrowdTest, is_not_told_of_in_a_buffer_of_ten)
