@@ -16,6 +16,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 TV_LOG_MODULE(0)
 
@@ -37,6 +38,12 @@ struct follower {
 
 constinit struct follower g_follow = {.path = nullptr, .fd = -1, .wd = -1, .reading = -1, .is_lost = true};
 constinit char g_block[BLOCK_SIZE] = {};
+
+// A path to what is behind a descriptor, whatever names that has by now.
+std::string path_of(int fd)
+{
+    return "/proc/self/fd/" + std::to_string(fd);
+}
 
 bool leads_to(const char* path, int fd)
 {
@@ -71,12 +78,9 @@ bool rewind_truncated(const struct follower* f)
     return W_lseek(__func__, f->fd, 0, SEEK_SET) == 0;
 }
 
-// By way of the descriptor: the path may lead to another file by now.
 int watch_file(struct follower* f)
 {
-    char link[32];
-    (void)snprintf(link, sizeof(link), "/proc/self/fd/%d", f->fd);
-    f->wd = rqs_add_file_watch(f, link);
+    f->wd = rqs_add_file_watch(f, path_of(f->fd).c_str());
     if (f->wd < 0) return -1;
     f->is_lost = !leads_to(f->path, f->fd);
     start_reading(f); // what was written before there was a watch
@@ -113,8 +117,8 @@ void look_for_new_file()
     if (!f->is_lost) return;
     const int fd = open(f->path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return; // it isn't there yet
-    if (f->fd >= 0 && leads_to(f->path, f->fd)) {
-        f->is_lost = false; // it has come back
+    if (f->fd >= 0 && leads_to(path_of(fd).c_str(), f->fd)) {
+        f->is_lost = false; // it has come back; if it has gone once more, its watch will tell
         (void)W_close(__func__, fd);
     } else {
         change_over(f, fd);
@@ -149,15 +153,12 @@ int on_other(int fd, int flags, void* /*udata*/, void* /*aux*/)
 int run_loop(struct follower* f)
 {
     struct rqs_config cfg = {};
-    cfg.cb = {.update_tmout = set_tmout,
-              .on_idle = nullptr,
-              .read = on_read,
-              .write = on_other,
-              .error = on_other,
-              .post_process = nullptr,
-              .on_file_modified = on_file,
-              .time_out = look_for_new_file,
-              .is_dormant = nullptr};
+    cfg.cb.update_tmout = set_tmout;
+    cfg.cb.read = on_read;
+    cfg.cb.write = on_other;
+    cfg.cb.error = on_other;
+    cfg.cb.on_file_modified = on_file;
+    cfg.cb.time_out = look_for_new_file;
     if (rqs_init(&cfg) != 0) return -1;
     f->reading = -1;
     const int rc = f->fd < 0 || watch_file(f) == 0 ? rqs_event_loop() : -1;
@@ -169,11 +170,10 @@ int follow(struct follower* f, bool from_start)
 {
     f->fd = open(f->path, O_RDONLY | O_CLOEXEC);
     if (f->fd >= 0 && !from_start && W_lseek(__func__, f->fd, 0, SEEK_END) < 0) return -1;
-    int rc;
+    int rc = ONE_EVENT_FAILED;
     // More records than the loop takes at once fail its one polled descriptor. A fresh loop has none of them.
-    do {
+    while (rc == ONE_EVENT_FAILED && !g_quit)
         rc = run_loop(f);
-    } while (rc == ONE_EVENT_FAILED && !g_quit);
     if (f->fd >= 0) (void)W_close(__func__, f->fd);
     return g_quit ? 0 : rc; // a signal may end a read or write, too
 }
