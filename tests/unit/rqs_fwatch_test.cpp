@@ -128,6 +128,14 @@ TEST_F(FwatchTest, the_first_watch_has_the_descriptor_polled_and_the_last_has_it
     EXPECT_TRUE(rqs_validate());
 }
 
+TEST_F(FwatchTest, the_table_has_a_thousand_mixed_slots)
+{
+    start();
+    const auto* tbl = gkh_int::table_of(g_ino.wfd_ht);
+    EXPECT_EQ(tbl->rlen, 1024u);
+    EXPECT_EQ(tbl->icalc, tw_shift);
+}
+
 TEST_F(FwatchTest, what_is_not_there_cannot_be_watched)
 {
     start();
@@ -232,6 +240,11 @@ TEST_F(FwatchTest, a_descriptor_that_cannot_be_dropped_stays_noted_as_polled)
     EXPECT_TRUE(g_ino.in_epoll);
     EXPECT_EQ(log.messages(ll::error).size(), 1u);
     EXPECT_FALSE(log.contains("is no longer watched."));
+
+    log.clear();
+    owner.wd = rqs_add_file_watch(&owner, path.c_str());
+    EXPECT_GT(owner.wd, 0);
+    EXPECT_FALSE(log.contains("do_epoll_watch: ")) << "as far as the loop knows it is polled still";
 }
 
 TEST_F(FwatchTest, a_broken_table_is_reported_by_its_error)

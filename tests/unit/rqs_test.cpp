@@ -504,6 +504,12 @@ TEST_F(RqsTest, takes_an_interruption_reported_by_a_callback_for_a_quit_only_whe
         return EINTR;
     };
     EXPECT_EQ(rqs_event_loop(), 0);
+    g_quit = 0;
+    on_idle = [] {
+        g_quit = 1;
+        return EIO;
+    };
+    EXPECT_EQ(rqs_event_loop(), EIO) << "no other result is dropped";
 }
 
 // ---- nothing to wait for --------------------------------------------------------------------------------------
