@@ -115,10 +115,14 @@ TEST_F(RuiTest, all_four_slots_of_a_class_are_used)
 {
     for (auto& lc : cfg.admin)
         add_tcp(lc);
-    start();
+    add_tcp(cfg.custom[0]); // lies right behind, and is of another class
+    init();
+    EXPECT_TRUE(log.contains("rui_setup_listeners: 4 [adm] listeners set up"));
+    EXPECT_TRUE(log.contains("rui_setup_listeners: 1 [cst] listeners set up"));
+    ASSERT_EQ(rui_ctx_start(&ctx), 0);
     for (const auto& srv : ctx.admin)
         EXPECT_GT(srv.sockfd, 0);
-    EXPECT_EQ(rqs_fd_count(1), 4u);
+    EXPECT_EQ(rqs_fd_count(1), 5u);
 }
 
 // ---- start ----------------------------------------------------------------------------------------------------
@@ -389,11 +393,15 @@ TEST_F(RuiTest, destroy_works_behind_the_end_of_the_loop)
 
 TEST_F(RuiTest, a_configuration_that_was_never_used_can_be_freed)
 {
-    add_tcp(cfg.custom[3]);
-    cfg.custom[3].ifc = get_ifc_info(AF_INET, "lo");
+    for (rui_listener_cfg* lc : {&cfg.user[0], &cfg.admin[1], &cfg.custom[3]}) {
+        add_tcp(*lc);
+        lc->ifc = get_ifc_info(AF_INET, "lo");
+    }
     rui_cfg_free(&cfg);
-    EXPECT_EQ(cfg.custom[3].ifc, nullptr);
-    EXPECT_FALSE(cfg.custom[3].is_valid);
+    for (const rui_listener_cfg* lc : {&cfg.user[0], &cfg.admin[1], &cfg.custom[3]}) {
+        EXPECT_EQ(lc->ifc, nullptr);
+        EXPECT_FALSE(lc->is_valid);
+    }
 }
 
 // ---- errors on the listening socket ---------------------------------------------------------------------------
