@@ -1,5 +1,5 @@
 // front: a small HTTP front end for stored segments and playlists, on the event loop and the request listeners.
-//   front [-v] [-p PORT] DIR    serves the files beneath DIR, on port 8080 of all interfaces
+//   front [-v] [-p PORT] DIR    serves the files beneath DIR, on port 8080 of all IPv4 addresses
 //   front [-v] -C FILE.conf     the same as the group `front` of a configuration says, such as
 //     front: {
 //         root = "/var/seg";

@@ -33,6 +33,13 @@ void begin_reply(struct front_conn* c, const struct front_answer& a)
     c->since = rqs_now();
 }
 
+// Answers what is no request, or not yet.
+void refuse(struct front_conn* c, int code)
+{
+    tv_log(ll::info, "%s: status %d, fd=%d\n", c->h.trk_tag.sym, code, c->h.fd);
+    begin_reply(c, front_refusal(code));
+}
+
 int change_state(struct front_conn* c, enum front_state state)
 {
     const bool was_sending = c->state == front_state::sending;
@@ -42,20 +49,27 @@ int change_state(struct front_conn* c, enum front_state state)
     return rqs_mod(c->h.fd, c, is_sending ? RQS_WRITE : RQS_READ) ? -1 : 0;
 }
 
+void drop_input(struct front_conn* c, size_t count)
+{
+    c->in_len -= count;
+    memmove(c->in, c->in + count, c->in_len);
+}
+
 // Answers the next request, if all of its head is there.
 bool take_request(struct front_conn* c)
 {
     const string_view text(c->in, c->in_len);
-    const size_t start = std::min(text.find_first_not_of("\r\n"), text.size()); // blank lines ahead are ignored
-    const size_t len = static_cast<size_t>(head_eod(c->in + start, c->in_len - start));
+    const size_t blank_lines = std::min(text.find_first_not_of("\r\n"), text.size()); // some clients send one too many
+    if (blank_lines > 0) drop_input(c, blank_lines);
+
+    const size_t len = static_cast<size_t>(head_eod(c->in, c->in_len));
     if (len > 0) {
-        begin_reply(c, front_answer_to(text.substr(start, len), c->site->root, c->h.trk_tag.sym));
-        c->in_len -= start + len;
-        memmove(c->in, c->in + start + len, c->in_len);
+        begin_reply(c, front_answer_to({c->in, len}, c->site->root, c->h.trk_tag.sym));
+        drop_input(c, len);
         return true;
     }
     if (c->in_len < sizeof(c->in)) return false;
-    begin_reply(c, front_refusal(front_judge_overlong(text)));
+    refuse(c, front_judge_overlong({c->in, c->in_len}));
     c->in_len = 0;
     return true;
 }
@@ -94,7 +108,7 @@ void* front_conn_new(int fd, struct rui_socket_ctx*, void* p)
     c->since = rqs_now();
     c->reply.file = -1;
     if (site->count++ >= site->max) {
-        begin_reply(c, front_refusal(503));
+        refuse(c, 503);
         if (go_on(c)) { // a few bytes on a fresh socket: the peer is gone
             front_conn_free(c);
             return nullptr;
@@ -119,7 +133,7 @@ bool front_conn_timed_out(void* p, u_int tmout_ms)
     if (!timed_out(&c->since, &tmout)) return false;
     if (c->state == front_state::reading && c->in_len > 0) {
         c->in_len = 0;
-        begin_reply(c, front_refusal(408));
+        refuse(c, 408);
         if (go_on(c) == 0) return true;
     }
     return rui_pprm_request(c) == 0;

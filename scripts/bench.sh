@@ -16,4 +16,5 @@ if [[ -z ${1:-} ]]; then
     bench/e2e_tcp.py build-bench
     bench/index_big.py build-bench
     bench/soak_echo.py build-bench
+    bench/http_front.py build-bench
 fi

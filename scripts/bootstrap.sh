@@ -6,8 +6,8 @@ set -euo pipefail
 
 run_packages=(g++ cmake make pkg-config libconfig-dev libbitstream-dev python3)
 test_packages=(ninja-build ccache git libgtest-dev clang clang-format libclang-rt-14-dev python3-pytest ffmpeg multicat
-               socat nginx-light iproute2 procps strace util-linux mandoc)
-bench_packages=(libbenchmark-dev time)
+               socat nginx-light curl iproute2 procps strace util-linux mandoc)
+bench_packages=(libbenchmark-dev time wrk)
 
 wanted=("${run_packages[@]}")
 (($#)) || set -- run

@@ -235,6 +235,15 @@ TEST_F(front_file, only_regular_files_are_served)
     close(sock);
 }
 
+TEST_F(front_file, a_file_that_may_not_be_read_is_forbidden)
+{
+    ASSERT_EQ(chmod((root_path() + "/a.ts").c_str(), 0), 0);
+    const bool is_root = geteuid() == 0; // who may read everything
+    ASSERT_EQ(is_root ? seteuid(65534) : 0, 0);
+    EXPECT_EQ(opened("a.ts"), -403);
+    ASSERT_EQ(is_root ? seteuid(0) : 0, 0);
+}
+
 TEST_F(front_file, devices_are_not_served)
 {
     const int dev = open("/dev", O_PATH | O_DIRECTORY | O_CLOEXEC);
