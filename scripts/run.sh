@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
-# Builds kvt and runs it in the foreground; Ctrl-C ends it.
-#   scripts/run.sh                 plays the bundled sample stream with known faults over loopback, and watches it
+# Builds kvt and kvt-play, and runs kvt in the foreground; Ctrl-C ends it.
+#   scripts/run.sh                 kvt-play plays the bundled sample stream with known faults over loopback, kvt watches
 #   scripts/run.sh ARGUMENT...     the arguments go to kvt: scripts/run.sh -i udp://239.1.1.1:5000 -S chan1 -A on
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${KVT_BUILD:-$root/build}
 
 "$root/scripts/bootstrap.sh" run
-echo "run: building kvt in ${build#"$PWD"/} (the first time takes a minute)" >&2
+echo "run: building kvt and kvt-play in ${build#"$PWD"/} (the first time takes a minute)" >&2
 log=$(mktemp)
-if ! { cmake -S "$root" -B "$build" && cmake --build "$build" -j "$(nproc)" --target kvt; } >"$log" 2>&1; then
+if ! { cmake -S "$root" -B "$build" && cmake --build "$build" -j "$(nproc)" --target kvt kvt-play; } >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
     exit 1
@@ -45,7 +45,8 @@ until grep -q "$(printf ':%04X ' "$port")" /proc/net/udp 2>/dev/null; do
     kill -0 "$kvt_pid" 2>/dev/null || break
     sleep 0.1
 done
-python3 "$root/scripts/sample/send.py" "$root/tests/data/sample.ts" 127.0.0.1 "$port" &
+# It leaves nothing beside the sample, and says the end should kvt still be there then.
+TMPDIR=$work "$build/kvt-play" --no-index --quiet --end "$root/tests/data/sample.ts" "udp://127.0.0.1:$port" &
 sender_pid=$!
 status=0
 wait "$kvt_pid" || status=$?

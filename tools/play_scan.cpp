@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
@@ -127,32 +128,49 @@ bool regular_step(uint64_t from, uint64_t to, uint64_t* step)
     return *step > 0 && *step <= PCR_ONE_SEC;
 }
 
+// An index builder takes a step across the wrap for what it is only as far as a stream should make it.
+bool wraps_wide(uint64_t from, uint64_t to)
+{
+    return to < from && to + P2_33 - from >= MAX_PCR_GAP;
+}
+
 // What is noted of a PID while the recording is scanned.
 struct pid_clock {
     size_t pcrs = 0;
     uint64_t last_pcr = 0;
     size_t last_pkt = 0;
     size_t least_distance = SIZE_MAX; // packets between two PCRs
-    size_t jumps = 0;
-    uint64_t ticks = 0; // of all regular steps
-    size_t packets = 0; // that they took
+    size_t oddities = 0;              // steps that an index builder can't use
+    uint64_t ticks = 0;               // of all regular steps
+    size_t packets = 0;               // that they took
+    size_t kept = 0;                  // PCRs that an even clock keeps
+    size_t kept_pkt = 0;
 };
+
+// An index takes no PCR in the first packet.
+bool is_kept(size_t pkt, size_t kept, size_t kept_pkt)
+{
+    return pkt > 0 && (kept == 0 || pkt - kept_pkt >= KEPT_DISTANCE);
+}
 
 void note_pcr(struct pid_clock* c, uint64_t pcr, size_t pkt)
 {
-    if (c->pcrs > 0) {
+    if (c->pcrs++ > 0) {
         uint64_t step = 0;
-        if (regular_step(c->last_pcr, pcr, &step)) {
+        const bool is_regular = regular_step(c->last_pcr, pcr, &step);
+        if (!is_regular || wraps_wide(c->last_pcr, pcr)) ++c->oddities;
+        if (step == 0) return; // says nothing new: the time till the next one counts from the first of its kind
+        if (is_regular) {
             c->ticks += step;
             c->packets += pkt - c->last_pkt;
-        } else {
-            ++c->jumps;
         }
-        if (pkt - c->last_pkt < c->least_distance) c->least_distance = pkt - c->last_pkt;
+        c->least_distance = std::min(c->least_distance, pkt - c->last_pkt);
     }
-    ++c->pcrs;
     c->last_pcr = pcr;
     c->last_pkt = pkt;
+    if (!is_kept(pkt, c->kept, c->kept_pkt)) return;
+    ++c->kept;
+    c->kept_pkt = pkt;
 }
 
 bool rewind_file(int fd)
@@ -214,8 +232,8 @@ struct even_clock {
     bool is_running = false;
     uint64_t last_pcr = 0;
     size_t last_pkt = 0;
+    size_t kept = 0;
     size_t kept_pkt = 0;
-    bool has_kept = false;
     double time = 0; // ticks
 };
 
@@ -228,30 +246,34 @@ void put_pcr(packet* p, uint64_t pcr)
     f[5] = 0;
 }
 
+// Moves the even clock to a packet with a PCR. False if the packet's PCR is not to be kept.
+bool advance(struct even_clock* c, uint64_t pcr, size_t pkt)
+{
+    uint64_t step = 0;
+    if (c->is_running) {
+        if (regular_step(c->last_pcr, pcr, &step))
+            c->time += static_cast<double>(step);
+        else if (step == 0)
+            return false;
+        else
+            c->time += static_cast<double>(pkt - c->last_pkt) * c->ticks_per_packet;
+    }
+    c->is_running = true;
+    c->last_pcr = pcr;
+    c->last_pkt = pkt;
+    return is_kept(pkt, c->kept, c->kept_pkt);
+}
+
 // Makes the packet's PCR, if it has one, one of the even clock, or takes it away.
 void set_even(struct even_clock* c, packet* p, size_t pkt)
 {
     if (!ts_has_pcr(p->data())) return;
-    bool is_kept = false;
-    if (has_good_pcr(*p) && ts_pid(p->data()) == c->pid) {
-        const uint64_t pcr = ts_pcr_base(p->data());
-        uint64_t step = 0;
-        if (c->is_running)
-            c->time += regular_step(c->last_pcr, pcr, &step)
-                           ? static_cast<double>(step)
-                           : static_cast<double>(pkt - c->last_pkt) * c->ticks_per_packet;
-        c->is_running = true;
-        c->last_pcr = pcr;
-        c->last_pkt = pkt;
-        // An index takes no PCR in the first packet.
-        is_kept = pkt > 0 && (!c->has_kept || pkt - c->kept_pkt >= KEPT_DISTANCE);
-    }
-    if (!is_kept) {
+    if (!has_good_pcr(*p) || ts_pid(p->data()) != c->pid || !advance(c, ts_pcr_base(p->data()), pkt)) {
         (*p)[tsf::af_flags_ofs] = static_cast<uint8_t>((*p)[tsf::af_flags_ofs] & ~tsf::af_pcr);
         return;
     }
     put_pcr(p, static_cast<uint64_t>(std::llround(c->time)) % P2_33);
-    c->has_kept = true;
+    ++c->kept;
     c->kept_pkt = pkt;
 }
 
@@ -285,9 +307,11 @@ bool scan_stream(int fd, struct stream_account* acc)
         acc->clock_pcrs = clocks[pid].pcrs;
     }
     const struct pid_clock& c = clocks[acc->clock_pid];
-    if (c.packets > 0) acc->ticks_per_packet = static_cast<double>(c.ticks) / static_cast<double>(c.packets);
-    acc->has_even_clock = acc->stray_bytes == 0 && !has_odd_pcr && pids == 1 && c.pcrs > 1 && c.jumps == 0 &&
-                          c.least_distance >= RECORD_PACKETS;
+    if (c.packets > 0 && c.kept > 1)
+        acc->ticks_per_packet = static_cast<double>(c.ticks) / static_cast<double>(c.packets);
+    // What is not plain is indexed from its copy, in which there are no stray bytes.
+    acc->has_even_clock = (acc->stray_bytes == 0 || !acc->is_plain) && !has_odd_pcr && pids == 1 && c.pcrs > 1 &&
+                          c.oddities == 0 && c.least_distance >= RECORD_PACKETS;
     return true;
 }
 

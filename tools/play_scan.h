@@ -2,7 +2,8 @@
 //
 // A recording may be plain packets of 188 bytes, packets of 192, 204 or 208, or RTP datagrams one behind the other, as
 // a snapshot holds them; it may begin and end inside a packet. *Stray* bytes are those that belong to none of this.
-// The *clock PID* is the PID with the most PCRs. A PCR *jumps* if it doesn't step forward by at most a second.
+// The *clock PID* is the PID with the most PCRs. A PCR *jumps* if it doesn't step forward by at most a second; one that
+// only repeats the one before it counts for nothing.
 //
 // Units: bytes; PCRs in ticks of 90 kHz. Results: false after a line on standard error, or when told to
 // quit (g_quit). One thread.
@@ -21,7 +22,7 @@ struct stream_account {
     bool has_even_clock;     // an index can be built from the PCRs as they are
     uint16_t clock_pid;      // counts if clock_pcrs is above 0
     size_t clock_pcrs;       // PCRs on it
-    double ticks_per_packet; // where the clock does not jump; 0: not known
+    double ticks_per_packet; // where the clock does not jump; 0: not known, or too few PCRs to make a clock of
 };
 
 // Reads the whole recording.

@@ -10,6 +10,7 @@
 #include "uri.h"
 #include "util.h"
 
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -38,6 +39,7 @@ constexpr int64_t LATE_MAX_NSEC = NSEC_PER_SEC;         // behind by more: begin
 constexpr int64_t NAP_MAX_NSEC = NSEC_PER_SEC / 10;     // so that a signal just ahead of a nap doesn't wait for long
 constexpr int64_t FULL_QUEUE_NSEC = NSEC_PER_SEC / 500; // until a full send queue is tried again
 constexpr int64_t PROGRESS_NSEC = NSEC_PER_SEC / 4;
+constexpr int END_WAIT_MS = 1000;
 
 constexpr size_t HOST_SIZE = 128;
 constexpr size_t PORT_SIZE = 16;
@@ -88,6 +90,13 @@ struct player {
     uint64_t shown_bytes = 0;
 };
 
+// Says what ends the run, below the progress line if there is one.
+void say_problem(const struct player& p, const char* what, const char* why)
+{
+    if (p.opt.show_progress && p.count->datagrams > 0) fputc('\n', stderr);
+    fprintf(stderr, "kvt-play: %s%s%s\n", what, why ? ": " : "", why ? why : "");
+}
+
 // ---- datagrams ------------------------------------------------------------------------------------------------
 
 void put_be(uint8_t* to, uint32_t value, unsigned size)
@@ -126,13 +135,25 @@ bool send_datagram(struct player* p, char* data, size_t len, uint64_t at_usec)
         } else if (err == EINTR) {
             if (g_quit) return false;
         } else {
-            fprintf(stderr, "kvt-play: can't send: %s\n", strerror(err));
+            say_problem(*p, "can't send", strerror(err));
             return false;
         }
     }
     ++p->count->datagrams;
     p->count->bytes += len;
     return true;
+}
+
+// Sends an empty datagram, without an RTP head. A full send queue is waited for, but not for ever: the process may have
+// been told to quit.
+bool send_end(const struct player& p)
+{
+    const auto* const addr = reinterpret_cast<const struct sockaddr*>(&p.target.addr);
+    if (wait_to_write(p.target.fd, END_WAIT_MS) == 0 &&
+        sendto(p.target.fd, nullptr, 0, MSG_NOSIGNAL, addr, p.target.addr_len) == 0)
+        return true;
+    say_problem(p, "can't tell the receiver of the end", strerror(errno));
+    return false;
 }
 
 // ---- progress -------------------------------------------------------------------------------------------------
@@ -196,7 +217,7 @@ after play_round(struct player* p)
 {
     const std::unique_ptr<struct tsix_ctx, tsix_closer> index(source_begin(p->src));
     if (!index) {
-        fprintf(stderr, "kvt-play: the index can't be opened\n");
+        say_problem(*p, "the index can't be opened", nullptr);
         return after::failure;
     }
     struct tsix_stream ix = {};
@@ -219,12 +240,12 @@ after play_round(struct player* p)
         offset = 0;
         if (transfer(&t, 0, &bytes, &delay_usec) != 0) {
             if (errno == 0) return after::next;
-            fprintf(stderr, "kvt-play: can't read the stream: %s\n", strerror(errno));
+            say_problem(*p, "can't read the stream", strerror(errno));
             return after::failure;
         }
         if (bytes == 0 || ix.o_left > 0) {
             if (g_quit) return after::end;
-            fprintf(stderr, "kvt-play: the stream has become shorter\n");
+            say_problem(*p, "the stream has become shorter", nullptr);
             return after::failure;
         }
         if (const after what = send_chunk(p, static_cast<size_t>(bytes), delay_usec); what != after::next) return what;
@@ -252,6 +273,18 @@ bool split_url(const char* url, char* host, char* port, bool* as_rtp)
     }
     const char* const tail = path_parse(path, strlen(path), host, HOST_SIZE, port, PORT_SIZE);
     return tail && *tail == '\0' && *host != '\0' && is_decimal(port) && atoi(port) > 0 && atoi(port) <= UINT16_MAX;
+}
+
+// Says why there is no socket, as far as it hasn't been logged.
+void say_no_socket(const char* url, const char* host)
+{
+    struct addrinfo hints = {};
+    hints.ai_socktype = SOCK_DGRAM;
+    struct addrinfo* found = nullptr;
+    const int rc = getaddrinfo(host, nullptr, &hints, &found);
+    if (rc == 0) freeaddrinfo(found);
+    fprintf(stderr, "kvt-play: can't open a socket for %s%s%s\n", url, rc != 0 ? ": " : "",
+            rc != 0 ? gai_strerror(rc) : "");
 }
 
 // Has a group's datagrams leave by an interface.
@@ -293,13 +326,17 @@ bool target_open(const char* url, const char* ifc, int ttl, struct play_target* 
     spec.socktype = SOCK_DGRAM;
     target->fd = open_socket(host, port, nullptr, &spec, nullptr, nullptr);
     if (target->fd < 0) {
-        fprintf(stderr, "kvt-play: can't open a socket for %s\n", url);
+        say_no_socket(url, host);
         return false;
     }
     target->addr = spec.addr_ss;
     target->addr_len = spec.addr_len;
     if (ifc && !spec.multicast) {
         fprintf(stderr, "kvt-play: an interface is for a group, and %s is none\n", host);
+        return false;
+    }
+    if (ttl == 0 && !spec.multicast) {
+        fprintf(stderr, "kvt-play: a time to live of 0 is for a group, and %s is none\n", host);
         return false;
     }
     if (ifc && !use_interface(target->fd, spec.family, ifc)) return false;
@@ -327,6 +364,7 @@ bool play(const struct play_source& src, const struct play_target& target, const
         p.earlier_usec += p.stream_usec;
         p.stream_usec = 0;
     }
+    if (what == after::failure) return false;
     show_progress(&p, true);
-    return what != after::failure;
+    return !opt.tell_end || send_end(p);
 }

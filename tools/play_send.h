@@ -25,12 +25,14 @@ struct play_target {
 };
 
 // Opens the socket for a URL such as udp://239.1.1.1:5000 or rtp://host:5000, or an address and port alone. `ifc` (name
-// or address) and `ttl` may be null and -1; an interface is for a group only. The caller closes target->fd.
+// or address) and `ttl` may be null and -1; an interface is for a group only, and so is a `ttl` of 0. The caller closes
+// target->fd.
 bool target_open(const char* url, const char* ifc, int ttl, struct play_target* target);
 
 struct play_options {
     double speed = 1; // 2: twice as fast as the stream's own pace
     bool over_and_over = false;
+    bool tell_end = false; // an empty datagram goes out behind the last one
     bool show_progress = false;
 };
 
@@ -41,7 +43,7 @@ struct play_count {
     uint64_t rounds = 0;
 };
 
-// Plays until the end of the stream, or g_quit; both count as success. Requires: fdio_init, with at least the least
+// Plays until the end of the stream, or g_quit; both count as success. Whether anybody receives is not seen. Requires: fdio_init, with at least the least
 // size of the transfer buffer.
 bool play(const struct play_source& src, const struct play_target& target, const struct play_options& opt,
           struct play_count* count);

@@ -42,7 +42,7 @@ struct unique_fd {
     int release() { return std::exchange(fd, -1); }
 };
 
-// A directory for copies, which is gone with its files at the latest when the preparation is over.
+// A directory for copies and for an index that is being made, which is gone with its files when the preparation is over.
 struct temp_room {
     std::string dir = {};
     temp_room() = default;
@@ -56,19 +56,25 @@ struct temp_room {
         (void)rmdir(dir.c_str());
     }
     std::string path(const char* name) const { return dir + "/" + name; }
-    bool make()
+    bool make_in(const std::string& parent)
     {
-        if (!dir.empty()) return true;
-        const char* const base = getenv("TMPDIR");
-        std::string name = std::string(base && *base ? base : "/tmp") + "/kvt-play.XXXXXX";
-        if (!mkdtemp(name.data())) {
-            fprintf(stderr, "kvt-play: can't make a directory %s: %s\n", name.c_str(), strerror(errno));
-            return false;
-        }
+        std::string name = parent + "/kvt-play.XXXXXX";
+        if (!mkdtemp(name.data())) return false;
         dir = name;
         return true;
     }
+    bool make()
+    {
+        const char* const base = getenv("TMPDIR");
+        const std::string parent = base && *base ? base : "/tmp";
+        if (!dir.empty() || make_in(parent)) return true;
+        fprintf(stderr, "kvt-play: can't make a directory in %s: %s\n", parent.c_str(), strerror(errno));
+        return false;
+    }
 };
+
+// A file that is none, such as a pipe, is not waited for: it is refused later.
+constexpr int OPEN_FLAGS = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
 
 std::string fd_path(int fd)
 {
@@ -80,7 +86,8 @@ const char* index_fault(int fd, size_t ts_bytes, uint64_t* duration)
 {
     struct stat st;
     struct tsix_header h;
-    if (fstat(fd, &st) != 0 || pread(fd, &h, sizeof(h), 0) != ssize_t{sizeof(h)}) return "it has no header";
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return "it is no file";
+    if (pread(fd, &h, sizeof(h), 0) != ssize_t{sizeof(h)}) return "it has no header";
     if (memcmp(h.magic, TSX_MAGIC, sizeof(h.magic)) != 0) return "it is no complete index";
     if (h.version != TSX_VERSION) return "it is of another version";
     const size_t rsize = h.runits * TS_MIN_PKTSIZE;
@@ -108,11 +115,16 @@ const char* index_fault(int fd, size_t ts_bytes, uint64_t* duration)
     return nullptr;
 }
 
+bool is_older(const struct timespec& a, const struct timespec& b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+}
+
 // Uses the index beside the stream if there is one that fits. With one that doesn't, *has_misfit is set.
 bool take_index(const struct play_source& src, const std::string& ix_path, struct unique_fd* ix, uint64_t* duration,
                 bool* has_misfit)
 {
-    ix->reset(open(ix_path.c_str(), O_RDONLY | O_CLOEXEC));
+    ix->reset(open(ix_path.c_str(), OPEN_FLAGS));
     if (ix->fd < 0) {
         *has_misfit = errno != ENOENT;
         if (*has_misfit)
@@ -122,7 +134,7 @@ bool take_index(const struct play_source& src, const std::string& ix_path, struc
     }
     struct stat ts_stat, ix_stat;
     const char* fault = nullptr;
-    if (fstat(src.ts_fd, &ts_stat) == 0 && fstat(ix->fd, &ix_stat) == 0 && ix_stat.st_mtime < ts_stat.st_mtime)
+    if (fstat(src.ts_fd, &ts_stat) == 0 && fstat(ix->fd, &ix_stat) == 0 && is_older(ix_stat.st_mtim, ts_stat.st_mtim))
         fault = "it is older than the stream";
     if (!fault) fault = index_fault(ix->fd, src.size_bytes, duration);
     if (!fault) return true;
@@ -136,14 +148,12 @@ bool build_index(int ts_fd, size_t ts_bytes, const std::string& ix_path, struct 
 {
     if (tsx_mkix(fd_path(ts_fd).c_str(), ix_path.c_str(), DATAGRAM_BYTES, BUILD_CACHE, 0) != 0) {
         fprintf(stderr, "kvt-play: no index could be built\n");
-        (void)unlink(ix_path.c_str()); // what there is of it; it would be in the way of the next build
         return false;
     }
-    ix->reset(open(ix_path.c_str(), O_RDONLY | O_CLOEXEC));
+    ix->reset(open(ix_path.c_str(), OPEN_FLAGS));
     const char* const fault = ix->fd < 0 ? strerror(errno) : index_fault(ix->fd, ts_bytes, duration);
     if (!fault) return true;
     fprintf(stderr, "kvt-play: the stream's clock can't be played: in its index, %s\n", fault);
-    (void)unlink(ix_path.c_str()); // as above
     return false;
 }
 
@@ -171,17 +181,28 @@ bool has_pace(const char* path, const struct stream_account& acc)
     return !fault;
 }
 
-// Where the index of a stream that is played as it is may stay: beside it, if that place is free and can be written to.
-std::string lasting_path(const std::string& ix_path, bool has_misfit)
+std::string dir_of(const std::string& path)
 {
-    if (ix_path.empty() || has_misfit) return {};
-    const size_t slash = ix_path.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : ix_path.substr(0, slash + 1);
-    return access(dir.c_str(), W_OK) == 0 ? ix_path : std::string();
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// Reads the stream through, and makes the copies and the index that it takes.
-bool prepare(const char* path, const std::string& ix_path, bool has_misfit, bool say_more, struct play_source* src,
+// Builds the index in a room beside its lasting place and puts it there when it is whole, so that others who play the
+// stream meanwhile never see half an index.
+bool build_lasting(int ts_fd, const struct temp_room& beside, const std::string& ix_path, struct play_source* src,
+                   struct unique_fd* ix)
+{
+    const std::string made = beside.path("clock.ix");
+    if (!build_index(ts_fd, src->size_bytes, made, ix, &src->duration_ticks)) return false;
+    if (rename(made.c_str(), ix_path.c_str()) != 0)
+        fprintf(stderr, "kvt-play: the index can't stay as %s: %s\n", ix_path.c_str(), strerror(errno));
+    return true;
+}
+
+// Reads the stream through, and makes the copies and the index that it takes. The index stays at `lasting_path` if that
+// is not empty and the directory can be written to.
+bool prepare(const char* path, const std::string& lasting_path, bool say_more, struct play_source* src,
              struct unique_fd* ix)
 {
     struct stream_account acc;
@@ -190,12 +211,14 @@ bool prepare(const char* path, const std::string& ix_path, bool has_misfit, bool
         return false;
     }
     if (!has_pace(path, acc)) return false;
-    struct temp_room room;
-    const std::string lasting = acc.is_plain ? lasting_path(ix_path, has_misfit) : std::string();
-    if (say_more) fprintf(stderr, "kvt-play: making an index%s%s\n", lasting.empty() ? "" : ", ", lasting.c_str());
-    if ((!acc.is_plain || !acc.has_even_clock || lasting.empty()) && !room.make()) return false;
+    struct temp_room room, beside;
+    const bool is_lasting = acc.is_plain && !lasting_path.empty() && beside.make_in(dir_of(lasting_path));
+    if (say_more)
+        fprintf(stderr, "kvt-play: making an index%s%s\n", is_lasting ? ", " : "",
+                is_lasting ? lasting_path.c_str() : "");
 
     struct unique_fd plain, clock;
+    if ((!acc.is_plain || !acc.has_even_clock) && !room.make()) return false;
     if (!acc.is_plain && !make_copy_file(room, "plain.ts", &plain)) return false;
     if (!acc.has_even_clock && !make_copy_file(room, "clock.ts", &clock)) return false;
     if ((plain.fd >= 0 || clock.fd >= 0) && !copy_stream(src->ts_fd, acc, plain.fd, clock.fd)) return false;
@@ -204,16 +227,20 @@ bool prepare(const char* path, const std::string& ix_path, bool has_misfit, bool
         src->ts_fd = plain.release();
         src->size_bytes = acc.packets * TS_MIN_PKTSIZE;
     }
-    return build_index(clock.fd >= 0 ? clock.fd : src->ts_fd, src->size_bytes,
-                       lasting.empty() ? room.path("clock.ix") : lasting, ix, &src->duration_ticks);
+    const int timed_fd = clock.fd >= 0 ? clock.fd : src->ts_fd;
+    if (is_lasting) {
+        if (build_lasting(timed_fd, beside, lasting_path, src, ix)) return true;
+        fprintf(stderr, "kvt-play: trying to make one for this run\n"); // that directory's disk may be full
+    }
+    return room.make() && build_index(timed_fd, src->size_bytes, room.path("clock.ix"), ix, &src->duration_ticks);
 }
 
 } // namespace
 
-bool source_open(const char* path, bool say_more, struct play_source* src)
+bool source_open(const char* path, const struct source_options& opt, struct play_source* src)
 {
     struct stat st;
-    src->ts_fd = open(path, O_RDONLY | O_CLOEXEC);
+    src->ts_fd = open(path, OPEN_FLAGS);
     if (src->ts_fd < 0 || fstat(src->ts_fd, &st) != 0) {
         fprintf(stderr, "kvt-play: can't open %s: %s\n", path, strerror(errno));
         return false;
@@ -233,7 +260,8 @@ bool source_open(const char* path, bool say_more, struct play_source* src)
     struct unique_fd ix;
     bool has_misfit = false;
     if (ix_path.empty() || !take_index(*src, ix_path, &ix, &src->duration_ticks, &has_misfit)) {
-        if (!prepare(path, ix_path, has_misfit, say_more, src, &ix)) return false;
+        const bool stays = opt.keep_index && !has_misfit; // what doesn't fit is somebody's, and left alone
+        if (!prepare(path, stays ? ix_path : "", opt.say_more, src, &ix)) return false;
     }
     src->ix_fd = ix.release();
     return true;

@@ -1,7 +1,7 @@
 // Makes a recording ready to be played: plain packets and an index with a usable clock.
 //
-// The index beside the recording is used if it fits; if there is none it is built there, or, where that directory can't
-// be written to, for this run alone. A recording that can't be indexed as it is (see play_scan.h) is played from
+// The index beside the recording is used if it fits; if there is none it is built there, or for this run alone where it
+// is not to stay or the directory can't be written to. It takes its place when it is whole. A recording that can't be indexed as it is (see play_scan.h) is played from
 // copies in a temporary directory, whose names are gone before the first byte is sent.
 //
 // Ownership: the source owns its two descriptors until source_close. Results: false after a line on standard error.
@@ -21,8 +21,13 @@ struct play_source {
     uint64_t duration_ticks = 0;
 };
 
-// Opens and prepares. `say_more`: tells of what takes time. Also false, without a line, when told to quit (g_quit).
-bool source_open(const char* path, bool say_more, struct play_source* src);
+struct source_options {
+    bool keep_index = true; // an index that is made stays beside the recording
+    bool say_more = false;  // tells of what takes time
+};
+
+// Opens and prepares. Also false, without a line, when told to quit (g_quit).
+bool source_open(const char* path, const struct source_options& opt, struct play_source* src);
 void source_close(struct play_source* src);
 // Starts a round: the stream from its first byte. Null on failure; the caller closes the handle.
 tsix_t source_begin(const struct play_source& src);

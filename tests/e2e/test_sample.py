@@ -4,6 +4,7 @@ import re
 import signal
 import subprocess
 import time
+from pathlib import Path
 
 from conftest import BUILD, ROOT, free_port, udp_port_open, wait_until
 
@@ -30,6 +31,7 @@ def told_fields(record):
 
 
 def test_the_sample_raises_exactly_the_alerts_of_its_faults():
+    data = sorted(path.name for path in (ROOT / "tests/data").iterdir())
     done = subprocess.run([ROOT / "scripts/run.sh"], capture_output=True, text=True, timeout=120,
                           env={**os.environ, "KVT_BUILD": str(BUILD)}, stdin=subprocess.DEVNULL)
     assert done.returncode == 0, done.stderr
@@ -40,6 +42,8 @@ def test_the_sample_raises_exactly_the_alerts_of_its_faults():
     assert "ALERT CC-BRK [sample] dgram:" in done.stderr
     assert "tsan_stats BEGIN" in done.stderr
     assert "IN total: sample" in done.stderr
+    # Nothing has come to lie beside the sample, such as an index.
+    assert sorted(path.name for path in (ROOT / "tests/data").iterdir()) == data
 
 
 def test_an_interrupt_leaves_nothing_running(tmp_path):
@@ -50,11 +54,26 @@ def test_an_interrupt_leaves_nothing_running(tmp_path):
         first = child.stdout.readline() + child.stdout.readline()
         port = int(re.search(r"127\.0\.0\.1:(\d+)", first).group(1))
         wait_until(lambda: udp_port_open(port), "the socket of kvt")
+        wait_until(lambda: any(b"kvt-play" in word[0] for word in processes_of(child.pid)), "the sender")
     finally:
         os.killpg(child.pid, signal.SIGINT)
     child.communicate(timeout=20)
     wait_until(lambda: not udp_port_open(port), "the socket to be gone")
     assert not list(tmp_path.iterdir())
+    assert not processes_of(child.pid)
+
+
+def processes_of(group):
+    """Command lines of the processes of a group, those that have ended aside."""
+    found = []
+    for path in Path("/proc").glob("[0-9]*/stat"):
+        try:
+            state, _, process_group = path.read_text().rsplit(")", 1)[1].split()[:3]
+            if int(process_group) == group and state != "Z":
+                found.append((path.parent / "cmdline").read_bytes().split(b"\0"))
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # it has just ended
+    return found
 
 
 def test_arguments_go_to_kvt(tmp_path):

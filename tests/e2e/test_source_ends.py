@@ -9,8 +9,9 @@ import pytest
 
 import tsfile as ts
 import tsmodel
-from conftest import ROOT, free_port, listening, need, wait_until
+from conftest import free_port, listening, need, wait_until
 from netns import link, sample_datagrams, with_rtp  # noqa: F401
+from playing import PLAY
 
 HTTP_HEAD = b"HTTP/1.1 200 OK\r\n\r\n"
 DATAGRAMS = sample_datagrams(40)
@@ -196,7 +197,7 @@ def test_a_recording_played_by_the_bundled_player(kvt, sender, recording):
     path, expected = recording
     port = free_port()
     kvt.start("-T", "-i", f"udp://127.0.0.1:{port}", "-S", "chan1").wait_reading()
-    sender(sys.executable, ROOT / "scripts/sample/send.py", path, "127.0.0.1", port, "--speed", "4")
+    sender(PLAY, "--end", "--speed=4", path, f"udp://127.0.0.1:{port}")
     assert kvt.wait() == 0
     assert reported(kvt) == expected
 
@@ -205,7 +206,7 @@ def test_a_recording_in_rtp_by_the_bundled_player(kvt, sender, recording):
     path, _ = recording
     port = free_port()
     kvt.start("-T", "-i", f"rtp://127.0.0.1:{port}", "-S", "chan1").wait_reading()
-    sender(sys.executable, ROOT / "scripts/sample/send.py", path, "127.0.0.1", port, "--rtp", "--speed", "8")
+    sender(PLAY, "--end", "--speed=8", path, f"rtp://127.0.0.1:{port}")
     assert kvt.wait() == 0
     data = path.read_bytes()
     firsts = [data[at:at + 188] for at in range(0, len(data), 1316)]
