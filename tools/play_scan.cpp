@@ -28,7 +28,7 @@ constexpr size_t LOOKAHEAD = 2 * TS_MAX_PKTSIZE; // what may have to be seen of 
 constexpr size_t PID_COUNT = 8192;
 constexpr size_t PCR_AF_LEN = 7; // an adaptation field with a PCR is at least as long
 constexpr size_t RECORD_PACKETS = 7;
-constexpr size_t KEPT_DISTANCE = 2 * RECORD_PACKETS; // between PCRs that are kept: a record begins between any two
+constexpr size_t KEPT_DISTANCE = 2 * RECORD_PACKETS; // between the PCRs of an even clock: a record begins in between
 constexpr uint8_t EXT_HEAD_BYTES = 4;                // of an RTP header extension
 constexpr unsigned EXT_LEN_OFS = 2;
 
@@ -134,24 +134,24 @@ bool wraps_wide(uint64_t from, uint64_t to)
     return to < from && to + P2_33 - from >= MAX_PCR_GAP;
 }
 
+// A stretch without a PCR ahead of the first, or behind the last, that is too long to be timed by one step's rounded
+// rate.
+bool is_long(size_t packets, double ticks_per_packet)
+{
+    return static_cast<double>(packets) * ticks_per_packet > MAX_PCR_GAP;
+}
+
 // What is noted of a PID while the recording is scanned.
 struct pid_clock {
     size_t pcrs = 0;
+    size_t first_pkt = 0;
     uint64_t last_pcr = 0;
     size_t last_pkt = 0;
     size_t least_distance = SIZE_MAX; // packets between two PCRs
     size_t oddities = 0;              // steps that an index builder can't use
     uint64_t ticks = 0;               // of all regular steps
     size_t packets = 0;               // that they took
-    size_t kept = 0;                  // PCRs that an even clock keeps
-    size_t kept_pkt = 0;
 };
-
-// An index takes no PCR in the first packet.
-bool is_kept(size_t pkt, size_t kept, size_t kept_pkt)
-{
-    return pkt > 0 && (kept == 0 || pkt - kept_pkt >= KEPT_DISTANCE);
-}
 
 void note_pcr(struct pid_clock* c, uint64_t pcr, size_t pkt)
 {
@@ -165,12 +165,11 @@ void note_pcr(struct pid_clock* c, uint64_t pcr, size_t pkt)
             c->packets += pkt - c->last_pkt;
         }
         c->least_distance = std::min(c->least_distance, pkt - c->last_pkt);
+    } else {
+        c->first_pkt = pkt;
     }
     c->last_pcr = pcr;
     c->last_pkt = pkt;
-    if (!is_kept(pkt, c->kept, c->kept_pkt)) return;
-    ++c->kept;
-    c->kept_pkt = pkt;
 }
 
 bool rewind_file(int fd)
@@ -198,7 +197,7 @@ struct packet_file {
     int fd;
     std::vector<uint8_t> kept = {};
 
-    bool add(const packet& p)
+    bool add(packet_view p)
     {
         if (fd < 0) return true;
         kept.insert(kept.end(), p.begin(), p.end());
@@ -212,33 +211,24 @@ struct packet_file {
     }
 };
 
-// Adds null packets until there are `count`.
-bool fill_up(struct packet_file* file, size_t count, size_t* pkt)
-{
-    packet null_packet;
-    null_packet.fill(0xff);
-    null_packet[0] = MPEG_TS_SYNC;
-    null_packet[tsf::flags_ofs] = tsf::pid_high_mask;
-    null_packet[tsf::control_ofs] = tsf::has_payload;
-    for (; *pkt < count; ++*pkt)
-        if (!file->add(null_packet)) return false;
-    return true;
-}
-
-// The even clock that is made out of a stream's own.
-struct even_clock {
+// A file whose packets hold nothing but an even clock, made out of a stream's own.
+struct clock_file {
+    struct packet_file file;
     double ticks_per_packet;
     uint16_t pid;
-    bool is_running = false;
-    uint64_t last_pcr = 0;
+    bool is_running = false; // the stream's own clock has begun
+    uint64_t last_pcr = 0;   // of the stream's own
     size_t last_pkt = 0;
-    size_t kept = 0;
-    size_t kept_pkt = 0;
-    double time = 0; // ticks
+    double time = 0;     // of the even clock at last_pkt, ticks
+    size_t count = 0;    // packets in the file
+    size_t kept_pkt = 0; // the last with a PCR
 };
 
 void put_pcr(packet* p, uint64_t pcr)
 {
+    (*p)[tsf::control_ofs] = tsf::adaptation_control;
+    (*p)[tsf::af_len_ofs] = PCR_AF_LEN;
+    (*p)[tsf::af_flags_ofs] = tsf::af_pcr;
     uint8_t* const f = p->data() + tsf::pcr_ofs;
     for (unsigned i = 0; i < 4; ++i)
         f[i] = static_cast<uint8_t>(pcr >> (25 - 8 * i));
@@ -246,35 +236,63 @@ void put_pcr(packet* p, uint64_t pcr)
     f[5] = 0;
 }
 
-// Moves the even clock to a packet with a PCR. False if the packet's PCR is not to be kept.
-bool advance(struct even_clock* c, uint64_t pcr, size_t pkt)
+// The next packet of the file. `has_time`: with a PCR, which is reckoned from the last of the stream's own on.
+bool add_packet(struct clock_file* c, bool has_time)
+{
+    packet p;
+    p.fill(0xff);
+    p[0] = MPEG_TS_SYNC;
+    p[tsf::flags_ofs] = tsf::pid_high_mask;
+    p[tsf::control_ofs] = tsf::has_payload;
+    if (has_time) {
+        const double time = c->time + static_cast<double>(c->count - c->last_pkt) * c->ticks_per_packet;
+        put_pcr(&p, static_cast<uint64_t>(std::llround(time)) % P2_33);
+        c->kept_pkt = c->count;
+    }
+    ++c->count;
+    return c->file.add(p);
+}
+
+// An index takes no PCR in the first packet: the second always has one, so that what comes ahead of the stream's own
+// is timed by its average rate.
+bool add_untimed(struct clock_file* c, size_t until)
+{
+    while (c->count < until)
+        if (!add_packet(c, c->count == 1)) return false;
+    return true;
+}
+
+// Moves the even clock to a packet with a PCR. False if that says nothing new.
+bool advance(struct clock_file* c, uint64_t pcr, size_t pkt)
 {
     uint64_t step = 0;
-    if (c->is_running) {
-        if (regular_step(c->last_pcr, pcr, &step))
-            c->time += static_cast<double>(step);
-        else if (step == 0)
-            return false;
-        else
-            c->time += static_cast<double>(pkt - c->last_pkt) * c->ticks_per_packet;
-    }
+    const bool is_regular = c->is_running && regular_step(c->last_pcr, pcr, &step);
+    if (c->is_running && step == 0) return false;
+    c->time += is_regular ? static_cast<double>(step) : static_cast<double>(pkt - c->last_pkt) * c->ticks_per_packet;
     c->is_running = true;
     c->last_pcr = pcr;
     c->last_pkt = pkt;
-    return is_kept(pkt, c->kept, c->kept_pkt);
+    return true;
 }
 
-// Makes the packet's PCR, if it has one, one of the even clock, or takes it away.
-void set_even(struct even_clock* c, packet* p, size_t pkt)
+// Adds what stands for a packet of the stream.
+bool add_timed(struct clock_file* c, packet_view p)
 {
-    if (!ts_has_pcr(p->data())) return;
-    if (!has_good_pcr(*p) || ts_pid(p->data()) != c->pid || !advance(c, ts_pcr_base(p->data()), pkt)) {
-        (*p)[tsf::af_flags_ofs] = static_cast<uint8_t>((*p)[tsf::af_flags_ofs] & ~tsf::af_pcr);
-        return;
+    const size_t pkt = c->count;
+    const bool has_time =
+        ts_has_pcr(p.data()) && has_good_pcr(p) && ts_pid(p.data()) == c->pid && advance(c, ts_pcr_base(p.data()), pkt);
+    return add_packet(c, pkt == 1 || (has_time && pkt >= c->kept_pkt + KEPT_DISTANCE));
+}
+
+// Ends with a packet that has the time, unless another has it too close ahead for a record to begin in between. Packet
+// 1 is not: its record ends with packet 6, and packet 7 is the least that a stream ends with.
+bool finish_clock(struct clock_file* c, size_t count)
+{
+    if (c->count < count) {
+        if (!add_untimed(c, count - 1)) return false;
+        if (!add_packet(c, c->kept_pkt == 1 || c->count >= c->kept_pkt + RECORD_PACKETS)) return false;
     }
-    put_pcr(p, static_cast<uint64_t>(std::llround(c->time)) % P2_33);
-    ++c->kept;
-    c->kept_pkt = pkt;
+    return c->file.flush();
 }
 
 } // namespace
@@ -307,11 +325,12 @@ bool scan_stream(int fd, struct stream_account* acc)
         acc->clock_pcrs = clocks[pid].pcrs;
     }
     const struct pid_clock& c = clocks[acc->clock_pid];
-    if (c.packets > 0 && c.kept > 1)
-        acc->ticks_per_packet = static_cast<double>(c.ticks) / static_cast<double>(c.packets);
+    if (c.packets > 0) acc->ticks_per_packet = static_cast<double>(c.ticks) / static_cast<double>(c.packets);
     // What is not plain is indexed from its copy, in which there are no stray bytes.
     acc->has_even_clock = (acc->stray_bytes == 0 || !acc->is_plain) && !has_odd_pcr && pids == 1 && c.pcrs > 1 &&
-                          c.oddities == 0 && c.least_distance >= RECORD_PACKETS;
+                          c.oddities == 0 && c.least_distance >= RECORD_PACKETS &&
+                          !is_long(c.first_pkt, acc->ticks_per_packet) &&
+                          !is_long(acc->packets - c.last_pkt, acc->ticks_per_packet);
     return true;
 }
 
@@ -319,20 +338,18 @@ bool copy_stream(int fd, const struct stream_account& acc, int plain_fd, int clo
 {
     if (!rewind_file(fd)) return false;
     struct packet_file plain = {plain_fd};
-    struct packet_file clocked = {clock_fd};
-    struct even_clock clock = {acc.ticks_per_packet, acc.clock_pid};
+    struct clock_file clock = {{clock_fd}, acc.ticks_per_packet, acc.clock_pid};
     struct window w = {fd};
     size_t stray = 0; // known already
+    // What goes out as it stands has damaged packets in it: they take their time.
+    const size_t count = acc.is_plain ? acc.file_bytes / TS_MIN_PKTSIZE : acc.packets;
     size_t pkt = 0;
     while (const uint8_t* const data = next_packet(&w, &stray)) {
-        packet p;
-        memcpy(p.data(), data, p.size());
+        const packet_view p(data, TS_MIN_PKTSIZE);
         if (!plain.add(p)) return false;
-        // What goes out as it stands has damaged packets in it: they take their time.
-        if (acc.is_plain && !fill_up(&clocked, w.passed / TS_MIN_PKTSIZE - 1, &pkt)) return false;
-        set_even(&clock, &p, pkt++);
-        if (!clocked.add(p)) return false;
+        pkt = acc.is_plain ? w.passed / TS_MIN_PKTSIZE - 1 : pkt;
+        if (pkt + 1 < count && !(add_untimed(&clock, pkt) && add_timed(&clock, p))) return false;
+        ++pkt;
     }
-    if (acc.is_plain && !fill_up(&clocked, acc.file_bytes / TS_MIN_PKTSIZE, &pkt)) return false;
-    return !w.has_failed && plain.flush() && clocked.flush();
+    return !w.has_failed && plain.flush() && finish_clock(&clock, count);
 }

@@ -22,15 +22,16 @@ struct stream_account {
     bool has_even_clock;     // an index can be built from the PCRs as they are
     uint16_t clock_pid;      // counts if clock_pcrs is above 0
     size_t clock_pcrs;       // PCRs on it
-    double ticks_per_packet; // where the clock does not jump; 0: not known, or too few PCRs to make a clock of
+    double ticks_per_packet; // where the clock does not jump; 0: not known
 };
 
 // Reads the whole recording.
 bool scan_stream(int fd, struct stream_account* acc);
 
-// Writes the plain packets to `plain_fd`, and to `clock_fd` the same with a clock that an index can be built from: the
-// PCRs of the clock PID alone, far enough apart, and jumps replaced by the time that the packets take on average.
-// Either may be -1. Requires: acc from scan_stream, with a known time for a packet where there is a clock_fd.
+// Writes the plain packets to `plain_fd`, and to `clock_fd` as many packets that hold nothing but a clock that an index
+// can be built from: the clock PID's, its PCRs far enough apart, with the time that packets take on average in the place
+// of jumps, ahead of the first PCR and behind the last. Either may be -1. Requires: acc from scan_stream of the same
+// file, with a known time for a packet and more than a datagram's packets where there is a clock_fd.
 bool copy_stream(int fd, const struct stream_account& acc, int plain_fd, int clock_fd);
 
 #endif // TOOLS_PLAY_SCAN_H

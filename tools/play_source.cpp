@@ -86,8 +86,7 @@ const char* index_fault(int fd, size_t ts_bytes, uint64_t* duration)
 {
     struct stat st;
     struct tsix_header h;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return "it is no file";
-    if (pread(fd, &h, sizeof(h), 0) != ssize_t{sizeof(h)}) return "it has no header";
+    if (fstat(fd, &st) != 0 || pread(fd, &h, sizeof(h), 0) != ssize_t{sizeof(h)}) return "it has no header";
     if (memcmp(h.magic, TSX_MAGIC, sizeof(h.magic)) != 0) return "it is no complete index";
     if (h.version != TSX_VERSION) return "it is of another version";
     const size_t rsize = h.runits * TS_MIN_PKTSIZE;
@@ -134,7 +133,11 @@ bool take_index(const struct play_source& src, const std::string& ix_path, struc
     }
     struct stat ts_stat, ix_stat;
     const char* fault = nullptr;
-    if (fstat(src.ts_fd, &ts_stat) == 0 && fstat(ix->fd, &ix_stat) == 0 && is_older(ix_stat.st_mtim, ts_stat.st_mtim))
+    if (fstat(src.ts_fd, &ts_stat) != 0 || fstat(ix->fd, &ix_stat) != 0)
+        fault = strerror(errno);
+    else if (!S_ISREG(ix_stat.st_mode))
+        fault = "it is no file";
+    else if (is_older(ix_stat.st_mtim, ts_stat.st_mtim))
         fault = "it is older than the stream";
     if (!fault) fault = index_fault(ix->fd, src.size_bytes, duration);
     if (!fault) return true;

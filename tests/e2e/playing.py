@@ -35,21 +35,24 @@ def make_stream(seconds=1.0, rate=1000, every=20, first=5, clock=lambda ticks: t
 
 
 class Receiver:
-    """A socket whose datagrams are collected, with the time of each, until nothing more comes."""
+    """A socket whose datagrams are collected, each with its time, time to live and sender.
 
-    def __init__(self, group=None):
-        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    `made` is a socket to take for it, of another network; `interface` the address that it joins a group by.
+    """
+
+    def __init__(self, group=None, made=None, interface="127.0.0.1"):
+        self.socket = made or socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
         self.socket.bind((group or "127.0.0.1", 0))
         self.port = self.socket.getsockname()[1]
         self.address = f"{group or '127.0.0.1'}:{self.port}"
         if group:
-            member = socket.inet_aton(group) + socket.inet_aton("127.0.0.1")
+            member = socket.inet_aton(group) + socket.inet_aton(interface)
             self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, member)
         self.socket.setsockopt(socket.IPPROTO_IP, IP_RECVTTL, 1)
         self.socket.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)  # when it came, not when we got round to it
         self.socket.settimeout(0.05)
-        self.datagrams, self.times, self.ttls = [], [], []
+        self.datagrams, self.times, self.ttls, self.senders = [], [], [], []
         self.is_open = True
         self.thread = threading.Thread(target=self.collect)
         self.thread.start()
@@ -57,13 +60,14 @@ class Receiver:
     def collect(self):
         while self.is_open:
             try:
-                data, control, _, _ = self.socket.recvmsg(2048, 128)
+                data, control, _, sender = self.socket.recvmsg(2048, 128)
             except TimeoutError:
                 continue
             notes = {kind: value for _, kind, value in control}
             sec, nsec = struct.unpack("qq", notes[SO_TIMESTAMPNS])
             self.times.append(sec + nsec / 1e9)
             self.ttls.append(struct.unpack("i", notes[IP_TTL])[0])
+            self.senders.append(sender[0])
             self.datagrams.append(data)
 
     def close(self):
@@ -85,8 +89,9 @@ def receiver():
     r.close()
 
 
-def play(*args, **kwargs):
-    return subprocess.run([str(a) for a in (PLAY, *args)], capture_output=True, text=True, timeout=60, **kwargs)
+def play(*args, inside=(), **kwargs):
+    """Runs kvt-play to its end. inside: words to put before it, such as those that enter a namespace."""
+    return subprocess.run([str(a) for a in (*inside, PLAY, *args)], capture_output=True, text=True, timeout=60, **kwargs)
 
 
 @pytest.fixture
@@ -94,8 +99,8 @@ def player():
     """Starts kvt-play in the background; what is left of it is killed."""
     started = []
 
-    def start(*args):
-        started.append(subprocess.Popen([str(a) for a in (PLAY, *args)], stderr=subprocess.PIPE, text=True))
+    def start(*args, **kwargs):
+        started.append(subprocess.Popen([str(a) for a in (PLAY, *args)], stderr=subprocess.PIPE, text=True, **kwargs))
         return started[-1]
     yield start
     for process in started:

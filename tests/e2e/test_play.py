@@ -6,12 +6,14 @@ import signal
 import socket
 import struct
 import subprocess
+import tempfile
 import time
+from pathlib import Path
 
 import pytest
 
 import tsfile as ts
-from conftest import BUILD, DEADLINE, ROOT, free_port, wait_until
+from conftest import BUILD, DEADLINE, ROOT, free_port, need, wait_until
 from playing import DATAGRAM, PLAY, RTP_HEAD, Receiver, make_stream, packet, play, player, receiver, write  # noqa: F401
 
 TSIX = BUILD / "tsix"
@@ -108,6 +110,66 @@ def test_a_wrap_of_the_clock_costs_no_time(tmp_path, receiver):
     assert receiver.times[-1] - receiver.times[0] == pytest.approx(2, abs=0.15)
 
 
+def test_a_wrap_between_pcrs_that_are_far_apart_costs_no_time(tmp_path, receiver):
+    """Further than half a second, which an index can't be built from as it is."""
+    data = make_stream(3, every=700, clock=lambda t: t + ts.WRAP - 90000)
+    assert play(write(tmp_path / "a.ts", data), receiver.address).returncode == 0
+    assert receiver.all(len(data)) == data
+    assert receiver.times[-1] - receiver.times[0] == pytest.approx(3, abs=0.15)
+
+
+def test_a_pcr_that_repeats_the_one_before_it_costs_no_time(tmp_path, receiver):
+    data = make_stream(2, clock=lambda t: 900000 + t // 9000 * 9000)
+    assert play(write(tmp_path / "a.ts", data), receiver.address).returncode == 0
+    assert receiver.all(len(data)) == data
+    assert receiver.times[-1] - receiver.times[0] == pytest.approx(2, abs=0.2)
+
+
+@pytest.mark.parametrize("name, lost", [("in front", range(0, 1500)), ("in the middle", range(700, 2300)),
+                                        ("at the end", range(1500, 3000))])
+def test_a_stretch_without_pcrs_takes_the_time_of_its_packets(tmp_path, receiver, name, lost):
+    packets = list(ts.packets(make_stream(3)))
+    for n in lost:
+        packets[n] = packet(256, n)
+    data = b"".join(packets)
+    assert play(write(tmp_path / "a.ts", data), receiver.address).returncode == 0
+    assert receiver.all(len(data)) == data
+    assert receiver.times[-1] - receiver.times[0] == pytest.approx(3, abs=0.15)
+
+
+@pytest.mark.parametrize("places", [(0, 1), (5, 6), (1, 8), (990, 999), (998, 999), (0, 999)])
+@pytest.mark.parametrize("count", [8, 9, 15, 1000])
+def test_any_two_pcrs_tell_the_rate(tmp_path, receiver, places, count):
+    if count <= places[1]:
+        places = (0, count - 1)
+    data = b"".join(packet(256, n, 900000 + 90 * n if n in places else None) for n in range(count))
+    path = write(tmp_path / "a.ts", data)
+    done = play(path, receiver.address)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert receiver.all(len(data)) == data
+    # The index has the time of the end.
+    last = int.from_bytes((tmp_path / "a.ix").read_bytes()[-8:], "little")
+    assert last == pytest.approx(90 * count, abs=7 * 90)
+
+
+def test_a_player_that_was_stopped_does_not_make_up_for_it(tmp_path, receiver, player):
+    data = make_stream(3)
+    process = player(write(tmp_path / "a.ts", data), receiver.address)
+    wait_until(lambda: len(receiver.datagrams) > 70, "half a second of stream")
+    process.send_signal(signal.SIGSTOP)
+    at = receiver.times[-1]
+    wait_until(lambda: time.time() - at > 1.5, "a long pause")
+    process.send_signal(signal.SIGCONT)
+    assert process.wait(DEADLINE) == 0
+    assert receiver.all(len(data)) == data
+    pause, before = max((b - a, n) for n, (a, b) in enumerate(zip(receiver.times, receiver.times[1:])))
+    assert pause > 1.4
+    assert receiver.times[-1] - receiver.times[0] == pytest.approx(3 + pause, abs=0.2)
+    # Behind the pause as many go out in half a second as ever.
+    after = [when for when in receiver.times[before + 1:] if when - receiver.times[before + 1] < 0.5]
+    assert len(after) == pytest.approx(0.5 * 1000 / 7, rel=0.2)
+
+
 def test_a_second_clock_does_not_disturb_the_first(tmp_path, receiver):
     packets = list(ts.packets(make_stream(2)))
     for n in range(12, len(packets), 40):
@@ -145,6 +207,48 @@ def test_counters_of_rtp_go_on_over_the_rounds(tmp_path, receiver, player):
     steps = {(b[2] - a[2]) & 0xFFFF for a, b in zip(heads, heads[1:])}
     assert steps == {1}
     assert all(0 < (b[3] - a[3]) & 0xFFFFFFFF < 2000 for a, b in zip(heads, heads[1:]))
+
+
+# ---- the receiver's side ----
+
+@pytest.mark.parametrize("scheme", ["udp", "rtp"])
+def test_tells_the_end_if_it_is_to(tmp_path, receiver, scheme):
+    data = make_stream(0.2)
+    path = write(tmp_path / "a.ts", data)
+    head = RTP_HEAD.size if scheme == "rtp" else 0
+    assert play("--end", path, f"{scheme}://{receiver.address}").returncode == 0
+    wait_until(lambda: b"" in receiver.datagrams, "the end")
+    assert receiver.datagrams.index(b"") == len(receiver.datagrams) - 1
+    assert b"".join(d[head:] for d in receiver.datagrams) == data
+    assert play(path, f"{scheme}://{receiver.address}").returncode == 0
+    wait_until(lambda: sum(len(d[head:]) for d in receiver.datagrams) == 2 * len(data), "the second run")
+    wait_until(lambda: time.time() - receiver.times[-1] > QUIET_SECONDS, "silence")
+    assert receiver.datagrams.count(b"") == 1
+
+
+def test_tells_the_end_that_a_signal_asks_for(tmp_path, receiver, player):
+    process = player("-l", "-e", write(tmp_path / "a.ts", make_stream(0.3)), receiver.address)
+    wait_until(lambda: len(receiver.datagrams) > 10, "some datagrams")
+    process.send_signal(signal.SIGINT)
+    assert process.wait(DEADLINE) == 0
+    wait_until(lambda: b"" in receiver.datagrams, "the end")
+    assert receiver.datagrams.index(b"") == len(receiver.datagrams) - 1
+
+
+def test_plays_whether_anybody_receives_or_not(tmp_path, player):
+    """A receiver that goes, and one that comes in its place, see what there is of the stream."""
+    first = Receiver()
+    process = player("-l", write(tmp_path / "a.ts", make_stream(0.5)), first.address)
+    wait_until(lambda: len(first.datagrams) > 10, "some datagrams")
+    first.close()
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as second:
+        wait_until(lambda: process.poll() is not None or time.time() - first.times[-1] > 0.3, "some time")
+        second.settimeout(DEADLINE)
+        second.bind(("127.0.0.1", first.port))
+        assert len(second.recv(2048)) in (DATAGRAM, len(make_stream(0.5)) % DATAGRAM)
+    process.terminate()
+    assert process.wait(DEADLINE) == 0
+    assert process.stderr.read() == ""
 
 
 # ---- recordings of all kinds ----
@@ -246,6 +350,81 @@ def test_leaves_an_index_that_is_older_than_its_stream_alone(tmp_path, receiver)
     assert done.returncode == 0 and "it is older than the stream" in done.stderr
 
 
+def test_a_moment_is_enough_to_be_older(tmp_path, receiver):
+    """As after a recording that is written again within the second."""
+    path = write(tmp_path / "a.ts", make_stream(0.2))
+    subprocess.run([TSIX, "make", path], check=True)
+    os.utime(path, ns=(10**18 + 1000, 10**18 + 1000))
+    for age, note in ((10**18, "it is older than the stream"), (10**18 + 1000, "")):
+        os.utime(tmp_path / "a.ix", ns=(age, age))
+        done = play(path, receiver.address)
+        assert done.returncode == 0 and note in done.stderr and bool(note) == bool(done.stderr)
+
+
+@pytest.mark.parametrize("make", [os.mkfifo, os.mkdir])
+def test_leaves_what_is_no_file_in_the_place_of_the_index_alone(tmp_path, receiver, make):
+    data = make_stream(0.2)
+    make(tmp_path / "a.ix")
+    done = play(write(tmp_path / "a.ts", data), receiver.address)
+    assert done.returncode == 0 and "is not used, since it is no file" in done.stderr
+    assert receiver.all(len(data)) == data
+    assert not (tmp_path / "a.ix").is_file()
+
+
+def test_makes_an_index_for_the_run_where_none_may_stay(tmp_path, receiver):
+    data = make_stream(0.2)
+    path = write(tmp_path / "a.ts", data)
+    done = play("--no-index", path, receiver.address)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert receiver.all(len(data)) == data
+    assert list(tmp_path.iterdir()) == [path]
+    # One that is there is used all the same.
+    subprocess.run([TSIX, "make", path], check=True)
+    assert "making an index" not in play("-n", "-v", path, receiver.address).stderr
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root becomes another user")
+def test_makes_an_index_for_the_run_in_a_directory_that_is_not_its_own(receiver):
+    need("runuser")
+    with tempfile.TemporaryDirectory() as name:
+        folder = Path(name)
+        folder.chmod(0o755)
+        data = make_stream(0.2)
+        path = write(folder / "a.ts", data)
+        done = play(path, receiver.address, inside=("runuser", "-u", "nobody", "--"))
+        assert (done.returncode, done.stderr) == (0, "")
+        assert receiver.all(len(data)) == data
+        assert list(folder.iterdir()) == [path]
+
+
+def test_makes_an_index_for_the_run_where_the_disk_is_full(tmp_path, receiver):
+    need("unshare", "mount")
+    data = make_stream(5)
+    write(tmp_path / "a.ts", data)
+    room = tmp_path / "room"
+    room.mkdir()
+    script = 'mount -t tmpfs -o size=4k kvt-test "$1" && ln -s ../a.ts "$1/a.ts" && "$2" -s 20 "$1/a.ts" "$3" && ls "$1"'
+    done = subprocess.run(["unshare", "--map-root-user", "--mount", "sh", "-c", script, "sh", room, PLAY,
+                           receiver.address], capture_output=True, text=True, timeout=DEADLINE)
+    if "unshare:" in done.stderr or "mount:" in done.stderr:
+        pytest.skip(f"no file system can be mounted here: {done.stderr}")
+    assert done.returncode == 0, done.stderr
+    assert "trying to make one for this run" in done.stderr
+    assert receiver.all(len(data)) == data
+    assert done.stdout == "a.ts\n"  # and no half an index
+
+
+def test_players_of_one_recording_do_not_disturb_each_other(tmp_path):
+    """Begun at once, so that each finds that there is no index and makes one."""
+    path = write(tmp_path / "a.ts", make_stream(0.5, rate=40000) * 10)
+    for _ in range(5):
+        (tmp_path / "a.ix").unlink(missing_ok=True)
+        players = [subprocess.Popen([PLAY, "-s", "100", path, f"127.0.0.1:{free_port()}"], stderr=subprocess.PIPE,
+                                    text=True) for _ in range(3)]
+        assert [(p.communicate(timeout=DEADLINE)[1], p.returncode) for p in players] == [("", 0)] * 3
+        assert sorted(p.name for p in tmp_path.iterdir()) == ["a.ix", "a.ts"]
+
+
 def test_leaves_nothing_in_the_temporary_directory(tmp_path, receiver):
     room = tmp_path / "room"
     room.mkdir()
@@ -258,24 +437,67 @@ def test_leaves_nothing_in_the_temporary_directory(tmp_path, receiver):
 
 # ---- talk ----
 
-def test_shows_its_progress_on_a_terminal(tmp_path, receiver):
+def on_terminal(*args):
+    """Runs it with a terminal for standard error; the status, and what stood there."""
     ours, theirs = pty.openpty()
     with open(ours, "rb", buffering=0) as screen:
-        process = subprocess.Popen([PLAY, write(tmp_path / "a.ts", make_stream(1.2)), receiver.address], stderr=theirs)
+        process = subprocess.Popen([str(a) for a in (PLAY, *args)], stderr=theirs)
         os.close(theirs)
-        assert process.wait(DEADLINE) == 0
         text = b""
         try:
             while chunk := screen.read(4096):
                 text += chunk
         except OSError:
             pass  # so ends a terminal
+        return process.wait(DEADLINE), text
+
+
+def test_shows_its_progress_on_a_terminal(tmp_path, receiver):
+    status, text = on_terminal(write(tmp_path / "a.ts", make_stream(1.2)), receiver.address)
+    assert status == 0
     lines = re.findall(r"\r(\d\d:\d\d:\d\d) of (\d\d:\d\d:\d\d) +(\d+\.\d\d) Mbit/s  (\d\d:\d\d:\d\d) left", text.decode())
     assert len(lines) >= 3
     assert {line[1] for line in lines} == {"00:00:01"}
     assert lines[-1][0] == "00:00:01" and lines[-1][3] == "00:00:00"
     assert float(lines[1][2]) == pytest.approx(1.5, rel=0.2)
     assert text.endswith(b"\n")
+
+
+def test_is_quiet_on_a_terminal_if_it_is_to(tmp_path, receiver):
+    assert on_terminal("-q", write(tmp_path / "a.ts", make_stream(0.6)), receiver.address) == (0, b"")
+
+
+def test_counts_the_rounds_on_a_terminal(tmp_path, receiver, player):
+    ours, theirs = pty.openpty()
+    with open(ours, "rb", buffering=0) as screen:
+        process = subprocess.Popen([PLAY, "-l", write(tmp_path / "a.ts", make_stream(0.3)), receiver.address],
+                                   stderr=theirs)
+        os.close(theirs)
+        text = b""
+        while b"  round 3" not in text:
+            text += screen.read(4096)
+        process.terminate()
+        assert process.wait(DEADLINE) == 0
+    assert text.index(b"  round 2") < text.index(b"  round 3") and b"  round 1" not in text
+
+
+def test_says_what_ended_it_below_the_progress(tmp_path, receiver):
+    """Here the recording becomes shorter while it is played."""
+    path = write(tmp_path / "a.ts", make_stream(3))
+    ours, theirs = pty.openpty()
+    with open(ours, "rb", buffering=0) as screen:
+        process = subprocess.Popen([PLAY, path, receiver.address], stderr=theirs)
+        os.close(theirs)
+        wait_until(lambda: len(receiver.datagrams) > 70, "half a second of stream")
+        os.truncate(path, 1000 * ts.PACKET_BYTES)
+        text = b""
+        try:
+            while chunk := screen.read(4096):
+                text += chunk
+        except OSError:
+            pass
+        assert process.wait(DEADLINE) == 1
+    assert text.endswith(b"left\x1b[K\r\nkvt-play: the stream has become shorter\r\n")
 
 
 @pytest.mark.parametrize("args, message", [
@@ -287,6 +509,9 @@ def test_shows_its_progress_on_a_terminal(tmp_path, receiver):
     (("a.ts", "udp://127.0.0.1:0"), "is no address to play to"),
     (("-i", "lo", "a.ts", "udp://127.0.0.1:5000"), "an interface is for a group"),
     (("-i", "nosuch", "a.ts", "udp://239.1.1.1:5000"), "nosuch is no"),
+    (("-t", "0", "a.ts", "udp://127.0.0.1:5000"), "a time to live of 0 is for a group, and 127.0.0.1 is none"),
+    (("a.ts", "udp://nosuch.invalid:5000"), "can't open a socket for udp://nosuch.invalid:5000: "),
+    (("pipe.ts", "udp://127.0.0.1:5000"), "pipe.ts is no file"),
     (("empty.ts", "udp://127.0.0.1:5000"), "it holds no transport stream"),
     (("text.ts", "udp://127.0.0.1:5000"), "it holds no transport stream"),
     (("short.ts", "udp://127.0.0.1:5000"), "it is shorter than two datagrams"),
@@ -300,21 +525,45 @@ def test_fails_with_a_reason(tmp_path, args, message):
     write(tmp_path / "short.ts", make_stream(0.007))
     write(tmp_path / "nopcr.ts", make_stream(0.2, every=1000))
     write(tmp_path / "still.ts", make_stream(0.2, clock=lambda t: 5000))
+    os.mkfifo(tmp_path / "pipe.ts")
     done = play(*args, cwd=tmp_path)
     assert done.returncode == 1
     assert message in done.stderr
     assert not list(tmp_path.glob("*.ix"))
 
 
-@pytest.mark.parametrize("args", [(), ("a.ts",), ("a.ts", "1.2.3.4:5", "more"), ("-t", "256", "a.ts", "1.2.3.4:5"),
-                                  ("-t", "x", "a.ts", "1.2.3.4:5"), ("-s", "0", "a.ts", "1.2.3.4:5"),
-                                  ("-s", "nan", "a.ts", "1.2.3.4:5"), ("-x", "a.ts", "1.2.3.4:5")])
-def test_a_wrong_command_line_is_status_2(args):
+@pytest.mark.parametrize("args, message", [
+    ((), "a file and an address are needed"),
+    (("a.ts",), "a file and an address are needed"),
+    (("a.ts", "1.2.3.4:5", "more"), "one file and one address are enough"),
+    (("-t", "256", "a.ts", "1.2.3.4:5"), "256 is no time to live from 0 to 255"),
+    (("-t", "-1", "a.ts", "1.2.3.4:5"), "-1 is no time to live from 0 to 255"),
+    (("-t", "x", "a.ts", "1.2.3.4:5"), "x is no time to live from 0 to 255"),
+    (("-s", "0", "a.ts", "1.2.3.4:5"), "0 is no factor from 0.01 to 100"),
+    (("-s", "100.1", "a.ts", "1.2.3.4:5"), "100.1 is no factor from 0.01 to 100"),
+    (("-s", "nan", "a.ts", "1.2.3.4:5"), "nan is no factor from 0.01 to 100"),
+    (("-s", "2x", "a.ts", "1.2.3.4:5"), "2x is no factor from 0.01 to 100"),
+    (("-x", "a.ts", "1.2.3.4:5"), "invalid option -- 'x'"),
+    (("--speed",), "option '--speed' requires an argument"),
+])
+def test_a_wrong_command_line_is_status_2(args, message):
     done = play(*args)
-    assert done.returncode == 2
-    assert done.stderr and not done.stdout
+    assert (done.returncode, done.stdout) == (2, "")
+    complaint, hint = done.stderr.splitlines()
+    assert complaint.endswith("kvt-play: " + message)
+    assert hint == "Usage: kvt-play [OPTION]... FILE ADDRESS; kvt-play --help tells more."
 
 
-def test_help_is_status_0():
+def test_help_is_status_0_and_tells_of_every_option():
     done = play("--help")
-    assert done.returncode == 0 and done.stdout.startswith("Usage: kvt-play ")
+    assert (done.returncode, done.stderr) == (0, "") and done.stdout.startswith("Usage: kvt-play ")
+    page = (ROOT / "docs/man/kvt-play.1").read_text()
+    for short, long in re.findall(r"^  -(\w), --([a-z-]+)", done.stdout, re.M):
+        assert f".It Fl {short} , -{long}" in page
+    assert len(re.findall(r"^\.It Fl", page, re.M)) == len(re.findall(r"^  -\w, --", done.stdout, re.M)) == 10
+
+
+def test_version_is_status_0():
+    done = play("--version")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert re.fullmatch(r"kvt-play \(Stored stream player\) \d.*; built on \d{4}-\d\d-\d\d\n", done.stdout)
