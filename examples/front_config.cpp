@@ -6,6 +6,7 @@
 #include "syswrap.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 
@@ -43,6 +44,18 @@ int set_max(int wanted, struct front_cfg* cfg)
     return 0;
 }
 
+// Requests come from `user` listeners, by connections.
+int check_listeners(const struct rui_cfg& rui)
+{
+    bool is_good = rui.user[0].is_valid && !rui.admin[0].is_valid && !rui.custom[0].is_valid;
+    for (const struct rui_listener_cfg& lc : rui.user) {
+        if (lc.is_valid && lc.proto == IPPROTO_UDP) is_good = false;
+    }
+    if (is_good) return 0;
+    tv_log(ll::error, "front: needs user listeners, none of another class, none of UDP\n");
+    return -1;
+}
+
 int read_group(const char* dir, struct front_cfg* cfg)
 {
     config_setting_t* s = config_lookup(&g_libcfg, "front");
@@ -55,7 +68,7 @@ int read_group(const char* dir, struct front_cfg* cfg)
     int max = D_MAX_REQUESTS;
     (void)config_setting_lookup_int(s, "max_requests", &max); // or the default
     if (set_max(max, cfg) || open_root(root, cfg)) return -1;
-    if (0 == load_rui_config(s, &cfg->rui)) return 0;
+    if (0 == load_rui_config(s, &cfg->rui) && 0 == check_listeners(cfg->rui)) return 0;
     rui_cfg_free(&cfg->rui);
     (void)W_close(__func__, cfg->root); // logged
     return -1;

@@ -243,6 +243,22 @@ void make_requests()
     seed("urlcode", "high", with_flags(1, fill(20, 0xe4)));
 }
 
+void make_front()
+{
+    const auto get = [](const char* name, const std::string& target, const std::string& more) {
+        seed("front", name, "GET " + target + " HTTP/1.1\r\nHost: h\r\n" + more + "\r\n");
+    };
+    get("playlist", "/x/hls-m3u/ch/index-900-now.m3u8?utime=900&duration=now", "Connection: keep-alive, TE\r\n");
+    get("fragment", "http://h:80/hls-fra//ch/%31.ts?a?b", "Connection: close\r\nContent-Length: 0\r\n");
+    get("upwards", "/%2e%2e/..%2f%252e", "");
+    get("escapes", "/a+b%20%c3%a4%5c%00", "");
+    get("body", "/ping/", "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n");
+    get("live", "/udp/239.1.1.1:5000/", "");
+    seed("front", "head_1_0", "HEAD /favicon.ico HTTP/1.0\n\n");
+    seed("front", "mixed_ends", "GET / HTTP/1.1\r\nHost: h\n\r\nGET / HTTP/1.1\r\n\r\n");
+    seed("front", "target", "/hls-m3u/%2e%2e/src/a/dst/b");
+}
+
 bytes text_bytes(std::string_view text)
 {
     return bytes(text.begin(), text.end());
@@ -294,5 +310,6 @@ int main(int argc, char** argv)
     make_texts();
     make_configs();
     make_requests();
+    make_front();
     return 0;
 }

@@ -41,8 +41,10 @@ class Front:
         return data
 
     def big(self):
-        with (self.root / "big.ts").open("wb") as out:
-            out.truncate(BIG)
+        path = self.root / "big.ts"
+        if not path.exists():  # it may be on its way out already
+            with path.open("wb") as out:
+                out.truncate(BIG)
 
     def start(self, extra="", build=BUILD, limit=None, user='( { alias = "http"; port = PORT; } )'):
         if "user_request_timeout" not in extra:  # long: a busy machine makes slow peers of all
@@ -522,9 +524,13 @@ def test_clients_that_do_not_read_hold_nobody_up_and_cost_nothing(front):
     stuck = [start_big(front) for _ in range(10)]
     for _ in range(20):
         assert front.ask(last("/ch/1.ts")).body == SEGMENT
-    ticks = front.cpu_ticks()
-    time.sleep(0.5)
-    assert front.cpu_ticks() - ticks <= 10  # hundredths of a second: no spinning
+
+    def rests():
+        ticks = front.cpu_ticks()
+        time.sleep(0.3)
+        return front.cpu_ticks() - ticks <= 3  # hundredths of a second; what spins never comes to that
+
+    wait_until(rests, "the service to wait for its peers")
     for sock in stuck:
         assert take(sock, BIG) == bytes(BIG)
         sock.close()
@@ -732,13 +738,16 @@ def test_a_port_and_a_directory_are_enough(front):
     ("max_to_accept = 0;", "Invalid max_accept valie (0)"), ("max_requests = 0;", "max_requests=0"),
     ("max_requests = -1;", "max_requests=-1"), ("user_request_timeout = 0;", "Invalid user_request_tmout valie (0)"),
     ('root = "/nonexistent";', "/nonexistent: No such file"), ('root = "/etc/passwd";', "Not a directory"),
-    ("root = ", "syntax error"),
+    ("root = ", "syntax error"), ("admin: { port = 1; };", "needs user listeners"),
+    ("custom: { port = 1; };", "needs user listeners"), ("user: ();", "needs user listeners"),
+    ("user: ( { port = 1; }, { protocol = \"udp\"; port = 2; } );", "none of UDP"),
 ])
 def test_a_bad_configuration_ends_it_with_a_word(front, extra, said):
     rest = "" if "max_to_accept" in extra else "max_to_accept = 1;"
     root = "" if "root" in extra else f'root = "{front.root}";'
     config = front.folder / "bad.conf"
-    config.write_text(f"front: {{ user: {{ port = {front.port}; }}; {rest} {root} {extra} }};")
+    user = "" if "user:" in extra else f"user: {{ port = {front.port}; }};"
+    config.write_text(f"front: {{ {user} {rest} {root} {extra} }};")
     done = subprocess.run([BUILD / "example_front", "-C", config], capture_output=True, text=True, timeout=DEADLINE)
     assert done.returncode == 1
     assert said in done.stderr
