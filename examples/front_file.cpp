@@ -99,7 +99,11 @@ int step(int dir, string_view part, int flags)
 int front_open(int root, const char* path, off_t* size)
 {
     const int fd = open_beneath(root, path);
-    if (fd < 0) return -status_of(errno);
+    if (fd < 0) {
+        const int status = status_of(errno);
+        if (status >= 500) tv_log(ll::error, "%s: open ERROR: %m\n", __func__); // the server's fault
+        return -status;
+    }
     struct stat st = {};
     if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
         *size = st.st_size;

@@ -90,7 +90,14 @@ enum front_sent send_body(int fd, struct front_reply* rp, size_t* burst)
         if (count == 0) return front_sent::blocked;
         errno = 0;
         const ssize_t n = nsendfile(fd, rp->file, &rp->file_at, count, 0, 0);
-        if (n == 0) return is_eagain(errno) ? front_sent::blocked : front_sent::failed; // no error: the file has shrunk
+        if (n == 0 && is_eagain(errno)) return front_sent::blocked;
+        if (n == 0) {
+            if (errno == 0)
+                tv_log(ll::warning, "%s: fd=%d: the file has become shorter\n", __func__, fd);
+            else if (no_fault(errno, 0) == 0) // then the call has said why, and left its line open
+                tv_log(ll::error, "%s: fd=%d: no more of the file\n", __func__, fd);
+            return front_sent::failed;
+        }
         *burst -= static_cast<size_t>(n);
     }
     return front_sent::all;

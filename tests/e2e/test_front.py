@@ -486,6 +486,7 @@ def test_a_file_that_shrinks_ends_the_connection(any_front):
         while piece := sock.recv(1 << 20):
             count += len(piece)
         assert count < BIG
+    assert "the file has become shorter" in any_front.log()
     assert any_front.ask(last("/a.txt")).body == b"hello\n"
 
 
@@ -695,6 +696,7 @@ def test_files_that_cannot_be_opened_for_want_of_descriptors_are_unavailable(fro
         resource.prlimit(front.process.pid, resource.RLIMIT_NOFILE, (3, 1024))
         sock.sendall(get("/a.txt"))
         assert read_reply(sock).status == 503
+    assert "front_open: open ERROR: Too many open files" in front.log()
 
 
 def test_a_service_without_descriptors_goes_on_when_it_has_some(front):

@@ -6,13 +6,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -295,6 +301,33 @@ TEST_F(front_file, the_walk_goes_through_no_link_and_never_up)
     EXPECT_EQ(walked("dir/1.ts"), ENOTDIR);
     for (const char* path : {"..", "../secret", "ch/../../secret", "ch/..", "/etc/passwd", "/"})
         EXPECT_EQ(walked(path), EXDEV) << path;
+}
+
+// Makes openat2 fail for the rest of the process, as kernels before 5.6 and older sandboxes do.
+void refuse_openat2(uint32_t err)
+{
+    struct sock_filter rules[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | err),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const struct sock_fprog program = {4, rules};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program)) _exit(99);
+}
+
+TEST_F(front_file, the_walk_stands_in_where_the_kernel_cannot)
+{
+    link_to("a.ts", "inside");
+    for (const int err : {ENOSYS, EPERM}) {
+        const auto open_all = [&] {
+            refuse_openat2(static_cast<uint32_t>(err));
+            const bool is_good = opened("ch/1.ts") == 1 && opened("inside") == -403 && opened("nope") == -404 &&
+                                 opened("../secret") == -403 && opened("ch") == -403;
+            _exit(is_good ? 0 : 1);
+        };
+        EXPECT_EXIT(open_all(), testing::ExitedWithCode(0), "") << err;
+    }
 }
 
 TEST_F(front_file, the_walk_leaves_no_descriptor_behind)
