@@ -282,8 +282,9 @@ void count_tail(size_t nrd)
     g_ctx.tail_size += nrd;
     if (g_ctx.tail_size < app_int::mb_bytes(g_cfg.tail_sz_mb)) return;
     tv_log(ll::info, "%s: tail size (%zu) >= %zu Mb\n", "run_app", g_ctx.tail_size, g_cfg.tail_sz_mb);
-    // A failure is logged there, and ends the waiting like a success: there is nothing to try again for.
-    (void)take_snapshot("B");
+    // An alarm that went off during this very read woke nobody: what it asked for has just been taken. A snapshot that
+    // could not be taken is logged, ends the waiting all the same, and is tried again only where the alarm asks for it.
+    if (take_snapshot("B") == 0) g_snapalarm = 0;
 }
 
 void check_stats()

@@ -398,17 +398,33 @@ TEST_F(app_dgram_loop, failing_snapshot_does_not_end_the_run)
     EXPECT_EQ(log.count("mk_snapshot_file: open('/nonexistent/"), 4u); // tried again in each turn
 }
 
+namespace
+{
+
+// True while a thread of this process sleeps in a call.
+bool is_asleep(pid_t tid)
+{
+    const std::string stat = akit::content_of("/proc/self/task/" + std::to_string(tid) + "/stat");
+    const size_t end_of_name = stat.rfind(')');
+    return end_of_name != std::string::npos && stat.substr(end_of_name + 1, 2) == " S";
+}
+
+} // namespace
+
 // The real thing: a blocked read that a signal has to break.
 TEST_F(app_loop, blocked_read_wakes_for_a_quit_signal)
 {
     ASSERT_EQ(handle_quit_signals(exit_on_sig), 0);
     const pthread_t reader = pthread_self();
+    const pid_t reader_id = gettid();
     std::atomic<bool> done = false;
     std::thread killer([&] {
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, nullptr);
-        // A signal just ahead of the read is not seen by it: send until the run has ended.
+        // A handler that interrupts the calendar has its line refused: the first signal comes once the read blocks.
+        while (!is_asleep(reader_id))
+            usleep(100);
         while (!done) {
             pthread_kill(reader, SIGTERM);
             usleep(1000);
@@ -452,6 +468,56 @@ TEST_F(app_dgram_loop, timed_snapshot_is_taken_in_the_turn_after_the_alarm)
     EXPECT_EQ(run_app(), 0);
     EXPECT_EQ(log.count("catch_alarm: got the expected snapshot ALARM"), 1u);
     EXPECT_EQ(log.count("take_snapshot: write "), 1u);
+}
+
+// The alarm does not wake the read, and what that read brings may complete the tail: one request is one file.
+TEST_F(app_dgram_loop, snapshot_by_count_leaves_nothing_to_an_alarm_that_went_off_during_its_read)
+{
+    g_cfg.tail_sz_mb = 1;
+    g_cfg.tail_tm_ms = 60000;
+    g_snapshot = SIGUSR2;
+    const int needed = (1 << 20) / 1316 + 1;
+    scripted_recv = [&](int call, void* buf, size_t) -> ssize_t {
+        if (call == needed) catch_alarm(SIGALRM);
+        return call <= needed + 5 ? next_dgram(buf) : (errno = 0, 0);
+    };
+    EXPECT_EQ(run_app(), 0);
+    EXPECT_EQ(log.count("catch_alarm: got the expected snapshot ALARM"), 1u);
+    EXPECT_EQ(log.count("take_snapshot: write "), 1u);
+    EXPECT_EQ(world.dir.names().size(), 1u);
+    EXPECT_EQ(g_snapalarm, 0);
+}
+
+// A snapshot that the count could not take is left to an alarm that has gone off: its flag is the request that stands.
+TEST_F(app_dgram_loop, snapshot_that_the_count_could_not_take_is_left_to_the_alarm)
+{
+    g_cfg.tail_sz_mb = 1;
+    g_cfg.tail_tm_ms = 60000;
+    g_snapshot = SIGUSR2;
+    const int needed = (1 << 20) / 1316 + 1;
+    scripted_recv = [&](int call, void* buf, size_t) -> ssize_t {
+        if (call == needed) {
+            catch_alarm(SIGALRM);
+            strcpy(g_cfg.snap_dir, "/nonexistent");
+        }
+        if (call == needed + 1) strcpy(g_cfg.snap_dir, world.dir.path().c_str());
+        return call <= needed + 5 ? next_dgram(buf) : (errno = 0, 0);
+    };
+    EXPECT_EQ(run_app(), 0);
+    EXPECT_EQ(world.dir.names(), strings{"snap-0-0.ts"});
+}
+
+TEST_F(app_dgram_loop, tail_is_complete_at_exactly_its_size)
+{
+    g_cfg.tail_sz_mb = 1;
+    g_ctx.must_count_tail = true;
+    g_ctx.tail_size = (1 << 20) - 2 * 1316;
+    scripted_recv = [&](int call, void* buf, size_t) -> ssize_t {
+        EXPECT_EQ(world.dir.names().size(), call <= 2 ? 0u : 1u) << call;
+        return call <= 2 ? next_dgram(buf) : (errno = 0, 0);
+    };
+    EXPECT_EQ(run_app(), 0);
+    EXPECT_EQ(log.count("run_app: tail size (1048576) >= 1 Mb"), 1u);
 }
 
 // ---- statistics -----------------------------------------------------------------------------------------------
