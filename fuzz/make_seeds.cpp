@@ -155,6 +155,28 @@ void make_index()
     seed("tsix_build", "wrap", with_flags(2, cat(stream(plan).take(50))));
 }
 
+void make_recordings()
+{
+    stream_plan plan = one_program();
+    plan.psi_every = 2;
+    const std::vector<packet> v = stream(plan).take(40);
+    const bytes plain = cat(v);
+    seed("recording", "plain", plain);
+    seed("recording", "torn", bytes_view(plain).subspan(50, plain.size() - 100));
+    bytes damaged = plain;
+    damaged[12 * sizeof(packet)] = 0x55;
+    seed("recording", "damaged", damaged);
+    seed("recording", "ts204", widen(v, 204));
+    seed("recording", "rtp", cat(rtp_run(v, 7)));
+    seed("recording", "two_clocks", cat(stream(many_programs(2, 2)).take(40)));
+    plan.first_pcr = (uint64_t{1} << 33) - 60000;
+    plan.ticks_per_round = 70000;
+    seed("recording", "wide_wrap", cat(stream(plan).take(40)));
+    plan.ticks_per_round = 0;
+    seed("recording", "still", cat(stream(plan).take(30)));
+    seed("recording", "jump", cat({bytes_view(plain), cat(stream(plan).take(20)), bytes_view(plain)}));
+}
+
 void make_texts()
 {
     seed("uri", "multicast", "udp://239.1.1.1:5000");
@@ -307,6 +329,7 @@ int main(int argc, char** argv)
     make_rtp();
     make_tsan();
     make_index();
+    make_recordings();
     make_texts();
     make_configs();
     make_requests();

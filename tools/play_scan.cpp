@@ -134,6 +134,12 @@ bool wraps_wide(uint64_t from, uint64_t to)
     return to < from && to + P2_33 - from >= MAX_PCR_GAP;
 }
 
+// An index needs time for each record: so many ticks let the packets between two PCRs be spread over records.
+bool has_time_for(double ticks, size_t packets)
+{
+    return ticks >= static_cast<double>(packets) / RECORD_PACKETS + 2;
+}
+
 // A stretch without a PCR ahead of the first, or behind the last, that is too long to be timed by one step's rounded
 // rate.
 bool is_long(size_t packets, double ticks_per_packet)
@@ -158,7 +164,8 @@ void note_pcr(struct pid_clock* c, uint64_t pcr, size_t pkt)
     if (c->pcrs++ > 0) {
         uint64_t step = 0;
         const bool is_regular = regular_step(c->last_pcr, pcr, &step);
-        if (!is_regular || wraps_wide(c->last_pcr, pcr)) ++c->oddities;
+        if (!is_regular || wraps_wide(c->last_pcr, pcr) || !has_time_for(static_cast<double>(step), pkt - c->last_pkt))
+            ++c->oddities;
         if (step == 0) return; // says nothing new: the time till the next one counts from the first of its kind
         if (is_regular) {
             c->ticks += step;
@@ -222,6 +229,7 @@ struct clock_file {
     double time = 0;     // of the even clock at last_pkt, ticks
     size_t count = 0;    // packets in the file
     size_t kept_pkt = 0; // the last with a PCR
+    double kept_time = 0;
 };
 
 void put_pcr(packet* p, uint64_t pcr)
@@ -236,7 +244,13 @@ void put_pcr(packet* p, uint64_t pcr)
     f[5] = 0;
 }
 
-// The next packet of the file. `has_time`: with a PCR, which is reckoned from the last of the stream's own on.
+// The even clock at the next packet of the file, reckoned from the last PCR of the stream's own on.
+double time_now(const struct clock_file& c)
+{
+    return c.time + static_cast<double>(c.count - c.last_pkt) * c.ticks_per_packet;
+}
+
+// The next packet of the file. `has_time`: with a PCR.
 bool add_packet(struct clock_file* c, bool has_time)
 {
     packet p;
@@ -245,9 +259,9 @@ bool add_packet(struct clock_file* c, bool has_time)
     p[tsf::flags_ofs] = tsf::pid_high_mask;
     p[tsf::control_ofs] = tsf::has_payload;
     if (has_time) {
-        const double time = c->time + static_cast<double>(c->count - c->last_pkt) * c->ticks_per_packet;
-        put_pcr(&p, static_cast<uint64_t>(std::llround(time)) % P2_33);
+        c->kept_time = time_now(*c);
         c->kept_pkt = c->count;
+        put_pcr(&p, static_cast<uint64_t>(std::llround(c->kept_time)) % P2_33);
     }
     ++c->count;
     return c->file.add(p);
@@ -262,9 +276,11 @@ bool add_untimed(struct clock_file* c, size_t until)
     return true;
 }
 
-// Moves the even clock to a packet with a PCR. False if that says nothing new.
+// Moves the even clock to a packet with a PCR. False if that says nothing new. One in the first packet would leave the
+// second, which always has one, to a guess: it doesn't count.
 bool advance(struct clock_file* c, uint64_t pcr, size_t pkt)
 {
+    if (pkt == 0) return false;
     uint64_t step = 0;
     const bool is_regular = c->is_running && regular_step(c->last_pcr, pcr, &step);
     if (c->is_running && step == 0) return false;
@@ -281,7 +297,9 @@ bool add_timed(struct clock_file* c, packet_view p)
     const size_t pkt = c->count;
     const bool has_time =
         ts_has_pcr(p.data()) && has_good_pcr(p) && ts_pid(p.data()) == c->pid && advance(c, ts_pcr_base(p.data()), pkt);
-    return add_packet(c, pkt == 1 || (has_time && pkt >= c->kept_pkt + KEPT_DISTANCE));
+    const bool is_kept =
+        has_time && pkt >= c->kept_pkt + KEPT_DISTANCE && has_time_for(c->time - c->kept_time, pkt - c->kept_pkt);
+    return add_packet(c, pkt == 1 || is_kept);
 }
 
 // Ends with a packet that has the time, unless another has it too close ahead for a record to begin in between. Packet

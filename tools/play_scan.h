@@ -13,6 +13,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// Less can't be indexed, in which each datagram has a time: streams of more than 750 Mbit/s.
+inline constexpr double LEAST_TICKS_PER_PACKET = 1.25 / 7;
+
 // What a recording holds.
 struct stream_account {
     size_t file_bytes;
@@ -31,7 +34,7 @@ bool scan_stream(int fd, struct stream_account* acc);
 // Writes the plain packets to `plain_fd`, and to `clock_fd` as many packets that hold nothing but a clock that an index
 // can be built from: the clock PID's, its PCRs far enough apart, with the time that packets take on average in the place
 // of jumps, ahead of the first PCR and behind the last. Either may be -1. Requires: acc from scan_stream of the same
-// file, with a known time for a packet and more than a datagram's packets where there is a clock_fd.
+// file, with LEAST_TICKS_PER_PACKET and more than a datagram's packets where there is a clock_fd.
 bool copy_stream(int fd, const struct stream_account& acc, int plain_fd, int clock_fd);
 
 #endif // TOOLS_PLAY_SCAN_H

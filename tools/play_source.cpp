@@ -180,6 +180,8 @@ bool has_pace(const char* path, const struct stream_account& acc)
         fault = "it has no two PCRs on one PID";
     else if (acc.ticks_per_packet <= 0)
         fault = "its PCRs give no rate";
+    else if (acc.ticks_per_packet < LEAST_TICKS_PER_PACKET)
+        fault = "it has not a tick of its clock for each datagram";
     if (fault) fprintf(stderr, "kvt-play: %s can't be played: %s\n", path, fault);
     return !fault;
 }

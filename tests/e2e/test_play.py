@@ -144,12 +144,20 @@ def test_any_two_pcrs_tell_the_rate(tmp_path, receiver, places, count):
         places = (0, count - 1)
     data = b"".join(packet(256, n, 900000 + 90 * n if n in places else None) for n in range(count))
     path = write(tmp_path / "a.ts", data)
-    done = play(path, receiver.address)
+    done = play("-s", 20, path, receiver.address)
     assert (done.returncode, done.stderr) == (0, "")
     assert receiver.all(len(data)) == data
     # The index has the time of the end.
     last = int.from_bytes((tmp_path / "a.ix").read_bytes()[-8:], "little")
     assert last == pytest.approx(90 * count, abs=7 * 90)
+
+
+@pytest.mark.parametrize("first", [0, 5, 30])
+def test_a_step_of_hardly_any_time_at_the_start_does_no_harm(tmp_path, receiver, first):
+    data = make_stream(1, first=first % 20, clock=lambda t: 900000 + (t if t > 90 * (first + 20) else t // 1000))
+    assert play(write(tmp_path / "a.ts", data), receiver.address).returncode == 0
+    assert receiver.all(len(data)) == data
+    assert receiver.times[-1] - receiver.times[0] == pytest.approx(1, abs=0.15)
 
 
 def test_a_player_that_was_stopped_does_not_make_up_for_it(tmp_path, receiver, player):
@@ -517,6 +525,7 @@ def test_says_what_ended_it_below_the_progress(tmp_path, receiver):
     (("short.ts", "udp://127.0.0.1:5000"), "it is shorter than two datagrams"),
     (("nopcr.ts", "udp://127.0.0.1:5000"), "it has no two PCRs on one PID"),
     (("still.ts", "udp://127.0.0.1:5000"), "its PCRs give no rate"),
+    (("fast.ts", "udp://127.0.0.1:5000"), "it has not a tick of its clock for each datagram"),
 ])
 def test_fails_with_a_reason(tmp_path, args, message):
     write(tmp_path / "a.ts", make_stream(0.2))
@@ -525,6 +534,7 @@ def test_fails_with_a_reason(tmp_path, args, message):
     write(tmp_path / "short.ts", make_stream(0.007))
     write(tmp_path / "nopcr.ts", make_stream(0.2, every=1000))
     write(tmp_path / "still.ts", make_stream(0.2, clock=lambda t: 5000))
+    write(tmp_path / "fast.ts", make_stream(0.01, rate=1000000, every=200))
     os.mkfifo(tmp_path / "pipe.ts")
     done = play(*args, cwd=tmp_path)
     assert done.returncode == 1
