@@ -106,6 +106,7 @@ const char* index_fault(int fd, size_t ts_bytes, uint64_t* duration)
             return "it can't be read";
         for (uint64_t i = 0; i < count; ++i) {
             if (recs[i].sclk == 0 || recs[i].sclk < last) return "its clock steps back";
+            if (recs[i].sclk - last > P2_33) return "its clock leaps"; // no two PCRs are further apart
             last = recs[i].sclk;
         }
         done += count;

@@ -336,6 +336,8 @@ def test_builds_the_index_once(tmp_path, receiver):
     ("it is cut short", lambda ix: ix[:-1]),
     ("its clock steps back", lambda ix: ix[:34] + bytes(8) + ix[42:]),
     ("its clock steps back", lambda ix: ix[:-8] + struct.pack("<Q", 5)),
+    ("its clock leaps", lambda ix: ix[:-8] + struct.pack("<Q", 1 << 60)),
+    ("its clock leaps", lambda ix: ix[:34] + struct.pack("<Q", 1 << 60) + ix[42:]),
 ])
 def test_leaves_an_index_that_does_not_fit_alone(tmp_path, receiver, reason, spoil):
     data = make_stream(0.2)
