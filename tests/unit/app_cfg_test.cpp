@@ -275,6 +275,13 @@ TEST_F(app_cfg, path_of_the_file_is_kept_to_127_characters)
     EXPECT_EQ(g_cfg.config_path, path.substr(0, 127));
 }
 
+TEST_F(app_cfg, path_of_a_file_with_a_bad_value_is_kept_too)
+{
+    const std::string path = dir.file("bad.conf", "kvt: {};");
+    EXPECT_EQ(load_kvti_config(path.c_str(), &g_cfg, false), -1);
+    EXPECT_EQ(g_cfg.config_path, path);
+}
+
 // Bytes from outside: whatever a file holds, loading it ends in a result.
 TEST_F(app_cfg, damaged_file_never_does_more_than_fail)
 {
@@ -461,6 +468,18 @@ TEST_F(app_cfg, settings_are_shown_in_full)
                        "Stats:\n"
                        "\tLost-sync      = yes\n"
                        "-----------------------------------\n");
+}
+
+TEST_F(app_cfg, next_rotation_by_day_is_shown_for_each_log)
+{
+    g_cfg.log.eod_rotate = true;
+    g_cfg.alert_log.eod_rotate = true;
+    log_set_eod(&g_log, 111);
+    log_set_eod(&g_access_log, 222);
+    const std::string text = shown();
+    const size_t alerts = text.find("Log (alerts):");
+    EXPECT_LT(text.find("\trota:end-of-day = ON (111)\n"), alerts);
+    EXPECT_NE(text.find("\trota:end-of-day = ON (222)\n", alerts), std::string::npos);
 }
 
 TEST_F(app_cfg, settings_that_are_off_by_default_are_shown_when_on)

@@ -9,6 +9,7 @@
 
 #include <set>
 
+using akit::cmdline;
 using akit::in_child;
 using akit::outcome;
 using akit::set_up;
@@ -250,6 +251,12 @@ TEST_F(app_opt, numeric_id_is_not_checked)
     EXPECT_EQ(g_cfg.instance_num, 0u);
     set_up({"-i", SRC, "-N", "-1"});
     EXPECT_EQ(g_cfg.instance_num, 4294967295u);
+    set_up({"-i", SRC, "-N", "010"}); // decimal, whatever it begins with
+    EXPECT_EQ(g_cfg.instance_num, 10u);
+    set_up({"-i", SRC, "-N", "0x10"});
+    EXPECT_EQ(g_cfg.instance_num, 0u);
+    set_up({"-i", SRC, "-N", "4", "-N", "7 or 8"}); // the last one counts, and of it the digits
+    EXPECT_EQ(g_cfg.instance_num, 7u);
 }
 
 TEST_F(app_opt, level_is_a_word)
@@ -307,7 +314,8 @@ TEST_F(app_opt, tail_takes_size_and_time)
         size_t ms;
     };
     for (const row& r : {row{"3:250", 3, 250}, row{"682:1", 682, 1}, row{"1:0", 1, 0}, row{"0:0", 682, 0},
-                         row{"-5:-5", 682, 0}, row{":", 682, 0}, row{"x:y", 682, 0}, row{"4:5:6", 4, 5}}) {
+                         row{"-5:-5", 682, 0}, row{"-1:5", 682, 5}, row{"5:-1", 5, 0}, row{"6 Mb:7 ms", 6, 7},
+                         row{":", 682, 0}, row{"x:y", 682, 0}, row{"4:5:6", 4, 5}}) {
         g_cfg.tail_sz_mb = 99;
         g_cfg.tail_tm_ms = 99;
         EXPECT_EQ(get_tail_params(r.text), 0) << r.text;
@@ -402,6 +410,19 @@ TEST_F(app_opt, file_and_its_time_are_noted_for_the_reload)
     EXPECT_NE(g_ctx.config_load_tm, 0);
 }
 
+// The path is kept cut, and the reload looks where it is kept.
+TEST_F(app_opt, time_of_a_file_whose_path_is_too_long_cannot_be_noted)
+{
+    const std::string conf = config("", std::string(200 - dir.path().size(), 'c'));
+    const outcome o = in_child([&] {
+        set_up({"-i", SRC, "-C", conf});
+        _exit(g_ctx.config_mtime == -1 ? 0 : 1);
+    });
+    EXPECT_EQ(o.status, 0);
+    EXPECT_NE(o.err.find("get_file_mtime: FAILED to retrieve mtime for [" + conf.substr(0, 127) + "]: "),
+              std::string::npos);
+}
+
 TEST_F(app_opt, path_of_the_file_is_told_at_debug)
 {
     const std::string conf = config();
@@ -410,7 +431,7 @@ TEST_F(app_opt, path_of_the_file_is_told_at_debug)
         set_up({"-i", SRC, "-C", conf});
     });
     EXPECT_EQ(o.status, akit::CAME_BACK);
-    EXPECT_NE(o.err.find("Using config at [" + conf + "]\n"), std::string::npos);
+    EXPECT_NE(o.err.find("(DBG)  KVTI  Using config at [" + conf + "]\n"), std::string::npos) << o.err;
 }
 
 TEST_F(app_opt, file_that_cannot_be_loaded_ends_the_start)
@@ -430,6 +451,27 @@ TEST_F(app_opt, time_format_of_the_file_is_put_in_force)
     const std::string conf = config("", "my.conf", "", "time_format = \"raw_mono\";");
     set_up({"-i", SRC, "-C", conf});
     EXPECT_EQ(g_log.time_format, 1025u);
+}
+
+TEST_F(app_opt, time_format_of_the_file_is_that_of_what_the_options_are_told)
+{
+    const std::string conf = config("", "my.conf", "", "time_format = \"no_time\";");
+    const outcome o = refused({"-i", SRC, "-C", conf, "-A", "pcr_delta"});
+    EXPECT_EQ(o.status, 1);
+    EXPECT_NE(("\n" + o.err).find("\n(ERR)  KVTI  tsan_cli_opt: invalid option string format: pcr_delta\n"),
+              std::string::npos)
+        << o.err;
+}
+
+TEST_F(app_opt, settings_are_told_on_the_standard_streams)
+{
+    cmdline line({"-i", SRC});
+    glog_init("kvt");
+    log_default(&g_log, stdout);
+    log_default(&g_access_log, stderr);
+    EXPECT_EQ(setup_config(line.argc(), line.argv()), 0);
+    EXPECT_EQ(log_fp(&g_log), stderr);
+    EXPECT_EQ(log_fp(&g_access_log), stdout);
 }
 
 // Whoever has a file says it there: the runtime section has a value of its own, and it is false when not given.

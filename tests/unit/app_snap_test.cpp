@@ -54,6 +54,7 @@ TEST_F(app_snap, sigurg_writes_what_the_ring_holds_at_once)
     EXPECT_EQ(akit::content_of(world.dir.path(named)), std::string(stream.begin(), stream.end()));
     EXPECT_EQ(log.messages(ll::info), strings{"take_snapshot: write 18800 bytes to [" + world.dir.path(named) + "]"});
     EXPECT_EQ(log.count("mk_snapshot_file: " + world.dir.path(named) + " created, fd"), 1u);
+    EXPECT_EQ(log.count("take_snapshot: CLOSED(fd"), 1u);
     EXPECT_EQ(g_snapshot, 0);
     EXPECT_EQ(g_ctx.snap_tm.tv_sec, 0);
     EXPECT_EQ(g_ctx.snap_tm.tv_nsec, 0);
@@ -162,6 +163,8 @@ TEST_F(app_snap, sigusr2_arms_both_conditions)
     EXPECT_EQ(world.dir.names(), strings{});
     EXPECT_EQ(log.messages(), (strings{"schedule_alarm: alarm set for 1000 ms",
                                        "process_snapshot: take snapshot as soon as tail >= 2 Mb"}));
+    EXPECT_EQ(log.messages(ll::debug), strings{log.messages()[0]});
+    EXPECT_EQ(log.messages(ll::info), strings{log.messages()[1]});
 }
 
 TEST_F(app_snap, size_alone_waits_without_a_timer)
@@ -207,7 +210,9 @@ TEST_F(app_snap, alarm_takes_the_snapshot_under_the_time_of_the_request)
     EXPECT_FALSE(g_ctx.waiting_alarm);
     EXPECT_FALSE(g_ctx.must_count_tail);
     EXPECT_FALSE(timer_runs());
-    EXPECT_EQ(log.count("clear_alarm: alarm cleared"), 1u);
+    EXPECT_EQ(log.messages(ll::debug).back(), "clear_alarm: alarm cleared");
+    EXPECT_EQ(log.messages(ll::normal), strings{"Received alarm-SIG(14)."});
+    EXPECT_EQ(log.messages(ll::info)[1], "catch_alarm: got the expected snapshot ALARM");
 }
 
 TEST_F(app_snap, timer_fires_after_the_time_of_the_setting)
