@@ -143,7 +143,8 @@ TEST_F(app_feed, carry_over_buffer_is_made_once_and_holds_what_the_ring_may_keep
     EXPECT_EQ(g_ctx.abuf_len, (size_t{1} << 20) - 4096);
     world.feed(part(all, 200, 200));
     EXPECT_EQ(g_ctx.abuf, made);
-    EXPECT_EQ(log.count("analyze_input: allocated abuf[1044480]"), 1u);
+    const strings told = log.messages(ll::debug);
+    EXPECT_EQ(std::count(told.begin(), told.end(), "analyze_input: allocated abuf[1044480]"), 1);
     EXPECT_EQ(app_int::validate_ctx(&g_ctx, &feed()), nullptr);
 }
 
@@ -180,7 +181,32 @@ TEST_F(app_feed, stray_bytes_further_on_are_told)
     const bytes rest = tsb::cat(st.take(10));
     EXPECT_EQ(world.feed(tsb::cat({head, tsb::noise(5), rest})), 0);
     EXPECT_EQ(analyzed(), 532u);
-    EXPECT_EQ(log.count("analyze_input: offset=5 at iter#2"), 1u);
+    const strings told = log.messages(ll::warning);
+    EXPECT_EQ(std::count(told.begin(), told.end(), "analyze_input: offset=5 at iter#2"), 1);
+}
+
+// Alerts name the segment, and a segment of a plain stream is one packet.
+TEST_F(app_feed, analyzer_is_told_of_each_segment)
+{
+    g_cfg.tsa.cc_track = true;
+    g_cfg.tsa.access_log_alerts = true;
+    tsan_free(g_ctx.tc);
+    g_ctx.tc = tsan_init(nullptr, &g_cfg.tsa, nullptr);
+    tsb::stream st(tsb::one_program());
+    world.feed(tsb::cat(st.take(1000)));
+    for (const int run : {1, 2}) {
+        st.take(static_cast<size_t>(3 * run)); // lost on the way
+        world.feed(tsb::cat(st.take(100)));
+    }
+    std::vector<long> dgrams; // ALERT CC-BRK source pid dgram ...
+    for (const std::string& line : alerts.messages()) {
+        long dgram = 0;
+        if (sscanf(line.c_str(), "ALERT CC-BRK %*s %*u %ld ", &dgram) == 1) dgrams.push_back(dgram);
+    }
+    ASSERT_GE(dgrams.size(), 2u) << join_lines(alerts.messages());
+    EXPECT_GT(dgrams.front(), 0);
+    EXPECT_GT(dgrams.back() - dgrams.front(), 90);
+    EXPECT_LT(dgrams.back() - dgrams.front(), 200);
 }
 
 // ---- lost sync ------------------------------------------------------------------------------------------------
@@ -371,7 +397,7 @@ TEST_F(app_feed, numbering_restarts_at_the_call_after_the_index_was_reached)
 
     world.feed(tsb::cat(st.take(100)));
     // 1000 packets are in the ring: they are 1 to 1000 now, the next one is 1001.
-    EXPECT_EQ(log.count("analyze_input: packet index reset: 1000 -> 1001"), 1u);
+    EXPECT_EQ(log.messages(ll::info).back(), "analyze_input: packet index reset: 1000 -> 1001");
     EXPECT_EQ(log.count("[chan1] packet index changed from 1100 to 1001"), 1u);
     EXPECT_EQ(world.info().first_pktnum, 1u);
     EXPECT_EQ(world.info().last_pktnum, 1101u);
@@ -411,7 +437,7 @@ TEST_F(app_feed, missing_metadata_are_told_every_5_seconds_and_end_the_run_after
     for (int sec = 0; sec < 60; ++sec) {
         ASSERT_EQ(world.feed(some), 0) << sec;
         if (sec % 5 == 0) ++told;
-        ASSERT_EQ(log.count("No packet analysis: lacking metadata"), told) << sec;
+        ASSERT_EQ(log.messages(ll::warning), strings(told, "No packet analysis: lacking metadata")) << sec;
         fake_clock::advance_sec(1);
     }
     EXPECT_EQ(feed().pkt_count, 60u * 7);
