@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
+#include <sys/mman.h>
 
 #include <csignal>
 
@@ -99,7 +100,8 @@ TEST_F(app_start, tcp_source_is_opened_for_streaming)
     EXPECT_EQ(g_ctx.mode.num, SM_STM.num);
     EXPECT_EQ(g_ctx.uc.buf, nullptr);
     EXPECT_EQ(g_ctx.uc.bufcap, 0u);
-    EXPECT_EQ(log.count("init_kvti_ctx: mode=STM"), 1u);
+    const strings told = log.messages(ll::debug);
+    EXPECT_EQ(std::count(told.begin(), told.end(), "init_kvti_ctx: mode=STM"), 1);
     EXPECT_EQ(app_int::validate_ctx(&g_ctx, app_int::feed_state()), nullptr);
 }
 
@@ -124,6 +126,35 @@ TEST_F(app_start, udp_source_is_opened_for_datagrams)
     EXPECT_EQ(log.count("init_kvti_ctx: mode=PKT"), 1u);
 }
 
+// The record is filled anew, whatever an earlier source left in it.
+TEST_F(app_start, source_is_asked_for_as_an_input_that_may_block)
+{
+    memset(static_cast<void*>(&g_ctx.uc), 0x5a, sizeof(g_ctx.uc));
+    source("udp://127.0.0.1:0");
+    ASSERT_EQ(init_kvti_ctx(), 0);
+    EXPECT_TRUE(g_ctx.uc.inbound);
+    EXPECT_FALSE(g_ctx.uc.non_blocking);
+    EXPECT_EQ(g_ctx.uc.ifc_tag, g_cfg.mcast_ifc);
+    EXPECT_EQ(g_ctx.uc.timeout_ms, 0);
+    EXPECT_EQ(g_ctx.uc.http_flags, 0u);
+}
+
+TEST_F(app_start, ring_that_cannot_be_made_ends_the_start)
+{
+    // The first ring of a process has this name; somebody else has it already.
+    const std::string name = "/mmr." + std::to_string(getpid()) + ".1";
+    const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(fd, 0);
+    source("udp://127.0.0.1:0");
+    EXPECT_EQ(init_kvti_ctx(), EINVAL);
+    close(fd);
+    shm_unlink(name.c_str());
+    EXPECT_FALSE(g_ctx.is_ready);
+    EXPECT_EQ(g_ctx.mmr, nullptr);
+    EXPECT_NE(g_ctx.tc, nullptr); // left to the shutdown
+    EXPECT_EQ(g_ctx.ssock, -1);
+}
+
 TEST_F(app_start, datagram_kinds_are_udp_and_rtp)
 {
     for (int kind = URI_BAD; kind <= URI_HLS; ++kind)
@@ -140,7 +171,9 @@ TEST_F(app_start, body_bytes_behind_the_http_head_are_in_the_ring_already)
     // Head and body come in one piece, of which the opener takes up to 1023 bytes.
     EXPECT_EQ(ring().pld_size, 1023 - head.size());
     EXPECT_EQ(ring().stype.num, STY_MPEGTS.num);
-    EXPECT_EQ(log.count("init_kvti_ctx: joining HTTP tail of " + std::to_string(1023 - head.size()) + " bytes"), 1u);
+    const strings told = log.messages(ll::debug);
+    const std::string joining = "init_kvti_ctx: joining HTTP tail of " + std::to_string(1023 - head.size()) + " bytes";
+    EXPECT_EQ(std::count(told.begin(), told.end(), joining), 1);
     g_cfg.tsa.is_enabled = false;
     EXPECT_EQ(run_app(), 0);
     EXPECT_EQ(ring().pld_size, body.size());
@@ -262,7 +295,9 @@ TEST_F(app_start, shutdown_frees_everything_and_removes_the_pid_file)
     EXPECT_FALSE(std::filesystem::exists(pidfile));
     EXPECT_STREQ(g_cfg.rt.pidfile, "");
     EXPECT_EQ(log.messages().front(), "app_shutdown: begins");
+    EXPECT_EQ(log.messages(ll::debug).front(), "app_shutdown: begins");
     EXPECT_EQ(log.messages().back(), "kvt shut down");
+    EXPECT_EQ(log.messages(ll::normal), strings{"kvt shut down"});
 }
 
 TEST_F(app_start, missing_pid_file_is_logged_and_no_reason_to_stop)
@@ -300,11 +335,47 @@ TEST_F(app_runtime, logs_and_pid_file_are_made)
         if (akit::content_of(dir.path("kvt.pid")) != std::to_string(getpid())) _exit(97);
     });
     EXPECT_EQ(o.status, 0) << o.err;
-    EXPECT_TRUE(has(app_log(), "Runtime pid=")) << app_log();
+    EXPECT_TRUE(has(app_log(), "  (INF)  Runtime pid=")) << app_log();
     EXPECT_TRUE(has(app_log(),
                     " uid/gid = " + std::to_string(geteuid()) + "/" + std::to_string(getegid()) + " running in []\n"));
-    EXPECT_TRUE(has(app_log(), "runtime_setup: OK\n"));
+    EXPECT_TRUE(has(app_log(), "  (DBG)  runtime_setup: OK\n"));
     EXPECT_TRUE(akit::content_of(dir.path("alerts")).ends_with("STAT test\n"));
+}
+
+// What is said before the log is open carries the process ID too, and tells of the core limit.
+TEST_F(app_runtime, what_comes_ahead_of_the_log_is_told_on_stderr_with_the_process_id)
+{
+    strcpy(g_cfg.rt.pidfile, dir.path("kvt.pid").c_str());
+    const outcome o = set_up();
+    EXPECT_EQ(o.status, 0) << o.err;
+    const std::string pid = akit::content_of(dir.path("kvt.pid"));
+    EXPECT_TRUE(has(o.err, " " + pid + "  (DBG)  set_unlimited_core: ")) << o.err;
+    EXPECT_TRUE(has(o.err, " " + pid + "  (INF)  Created pidfile [" + dir.path("kvt.pid") + "] with pid=" + pid));
+    EXPECT_LT(o.err.find("set_unlimited_core"), o.err.find("Created pidfile"));
+}
+
+TEST_F(app_runtime, streams_are_the_standard_ones_until_the_logs_are_open)
+{
+    g_cfg.log.path[0] = '\0';
+    const outcome o = in_child([&] {
+        log_default(&g_log, stdout);
+        log_default(&g_access_log, stderr);
+        _exit(runtime_setup() == 0 && log_fp(&g_log) == stderr && log_fp(&g_access_log) == stdout ? 0 : 1);
+    });
+    EXPECT_EQ(o.status, 0) << o.err;
+}
+
+TEST_F(app_runtime, effective_ids_are_shown)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    g_cfg.log.path[0] = '\0';
+    const outcome o = in_child([&] {
+        g_mod_ll[0] = ll::info;
+        if (setegid(65533) != 0 || seteuid(65534) != 0) _exit(2);
+        _exit(runtime_setup());
+    });
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_TRUE(has(o.err, " uid/gid = 65534/65533 running in []\n")) << o.err;
 }
 
 TEST_F(app_runtime, without_log_paths_the_standard_streams_stay)
@@ -395,6 +466,25 @@ TEST_F(app_runtime, daemon_must_know_where_it_was_started)
     EXPECT_TRUE(has(o.err, "runtime_setup: FAILED (rc=-1)\n"));
 }
 
+TEST_F(app_runtime, daemon_starts_in_a_directory_of_at_most_255_characters)
+{
+    g_cfg.rt.non_daemon = false;
+    const std::string part(100, 'd');
+    for (const size_t len : {255u, 256u}) {
+        std::string deep = dir.path() + "/" + part + "/" + part + "/";
+        deep += std::string(len - deep.size(), 'e');
+        std::filesystem::create_directories(deep);
+        const outcome o = in_child([&] {
+            std::filesystem::current_path(deep);
+            fork_refuses = true; // so far, and no further
+            _exit(runtime_setup() == -1 ? 0 : 1);
+        });
+        EXPECT_EQ(o.status, 0);
+        EXPECT_EQ(has(o.err, "getcwd ERROR(34) : Numerical result out of range\n"), len == 256) << o.err;
+        EXPECT_EQ(has(o.err, "Failed to make the process a daemon, quitting.\n"), len == 255);
+    }
+}
+
 TEST_F(app_runtime, process_that_cannot_become_a_daemon_says_so_on_stderr)
 {
     g_cfg.rt.non_daemon = false;
@@ -414,6 +504,7 @@ TEST_F(app_runtime, only_the_alert_log_goes_to_syslog)
     g_cfg.log.enable_syslog = true;
     g_cfg.alert_log.enable_syslog = true;
     g_cfg.alert_log.facility = 8;
+    g_log.syslg.enabled = true; // whatever stood there before
     const outcome o = set_up([] {
         if (g_log.syslg.enabled || !g_access_log.syslg.enabled || g_access_log.syslg.facility != 8) _exit(99);
     });

@@ -321,8 +321,21 @@ TEST_F(app_dgram_loop, interrupted_read_is_made_again_into_the_same_place)
     EXPECT_EQ(places[2], places[1]);
     EXPECT_EQ(lengths[2], lengths[1]);
     EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 14u);
-    EXPECT_EQ(log.count("run_app: moving on after interrupt, sshot=0/salrm=0, quit=0"), 1u);
-    EXPECT_EQ(log.count("run_app: re-reading after an interrupt"), 1u);
+    const strings told = log.messages(ll::debug);
+    EXPECT_EQ(std::count(told.begin(), told.end(), "run_app: moving on after interrupt, sshot=0/salrm=0, quit=0"), 1);
+    EXPECT_EQ(std::count(told.begin(), told.end(), "run_app: re-reading after an interrupt"), 1);
+}
+
+// A handler may come at any moment: what counts is errno, even where the read itself has nothing to say.
+TEST_F(app_dgram_loop, empty_read_with_an_interrupt_left_over_is_an_interrupt)
+{
+    scripted_recv = [&](int call, void* buf, size_t) -> ssize_t {
+        if (call == 1) return errno = EINTR, 0;
+        return call == 2 ? next_dgram(buf) : 0;
+    };
+    EXPECT_EQ(run_app(), 0);
+    EXPECT_EQ(tsan_get_pidx(g_ctx.tc), 7u);
+    EXPECT_EQ(log.count("== EOD, connection broken? =="), 1u);
 }
 
 TEST_F(app_dgram_loop, interrupt_clears_errno)
@@ -450,7 +463,9 @@ TEST_F(app_dgram_loop, delayed_snapshot_is_taken_when_the_tail_has_come_in)
         return call <= needed + 5 ? next_dgram(buf) : (errno = 0, 0);
     };
     EXPECT_EQ(run_app(), 0);
-    EXPECT_EQ(log.count("run_app: tail size (" + std::to_string(needed * 1316) + ") >= 1 Mb"), 1u);
+    const strings told = log.messages(ll::info);
+    const std::string line = "run_app: tail size (" + std::to_string(needed * 1316) + ") >= 1 Mb";
+    EXPECT_EQ(std::count(told.begin(), told.end(), line), 1);
     EXPECT_EQ(world.dir.names().size(), 1u);
     EXPECT_FALSE(g_ctx.must_count_tail);
 }
@@ -520,13 +535,87 @@ TEST_F(app_dgram_loop, tail_is_complete_at_exactly_its_size)
     EXPECT_EQ(log.count("run_app: tail size (1048576) >= 1 Mb"), 1u);
 }
 
+// ---- the steps behind a read ----------------------------------------------------------------------------------
+
+TEST_F(app_dgram_loop, run_is_opened_and_closed_by_a_line)
+{
+    strcpy(g_cfg.src_url, "udp://1.2.3.4:5");
+    const std::string fd = std::to_string(g_ctx.ssock);
+    scripted_recv = [&](int call, void* buf, size_t) -> ssize_t { return call == 1 ? next_dgram(buf) : 0; };
+    EXPECT_EQ(run_app(), 0);
+    EXPECT_EQ(log.messages(ll::normal).front(), "Reading (PKT) from fd" + fd + " [udp://1.2.3.4:5]");
+    EXPECT_EQ(log.messages(ll::info).back(), "run_app: done reading from source fd" + fd + ", quit=0");
+}
+
+TEST_F(app_dgram_loop, ring_is_silent_during_a_run)
+{
+    mmr_set_verbosity(~0u);
+    scripted_recv = [&](int call, void* buf, size_t) -> ssize_t { return call <= 3 ? next_dgram(buf) : 0; };
+    EXPECT_EQ(run_app(), 0);
+    EXPECT_EQ(log.count("segments packed"), 0u);
+}
+
+// Throughput, tail, statistics, settings: what one read brings about comes in this order.
+TEST_F(app_dgram_loop, steps_behind_a_read_keep_their_order)
+{
+    const std::string path = world.dir.file("kvt.conf", "kvt: { config_reload_period = 1; };");
+    strcpy(g_cfg.config_path, path.c_str());
+    g_ctx.config_load_tm = 1000;
+    g_cfg.reload_period = 1;
+    g_cfg.report_tput_sec = 1;
+    g_cfg.tail_sz_mb = 1;
+    g_cfg.tsa.dump_stats_period = 1;
+    tsan_free(g_ctx.tc);
+    g_ctx.tc = tsan_init(nullptr, &g_cfg.tsa, nullptr);
+    fake_clock::set(1000);
+    scripted_recv = [&](int call, void* buf, size_t) -> ssize_t {
+        if (call == 2) {
+            fake_clock::advance_sec(5);
+            g_ctx.must_count_tail = true;
+            g_ctx.tail_size = 1 << 20;
+            g_ctx.config_load_tm = 1;
+        }
+        return call <= 2 ? next_dgram(buf) : 0;
+    };
+    EXPECT_EQ(run_app(), 0);
+    fake_clock::release();
+    const std::string text = log.text();
+    size_t at = 0;
+    for (const char* step : {"IN total: chan1", "run_app: tail size", "take_snapshot: write", "tsan_stats BEGIN",
+                             "updated, re-loading config"}) {
+        const size_t next = text.find(step, at);
+        ASSERT_NE(next, std::string::npos) << step << " does not follow:\n" << text;
+        at = next;
+    }
+}
+
+TEST_F(app_dgram_loop, without_the_analyzer_there_are_no_statistics)
+{
+    g_cfg.tsa.dump_stats_period = 1;
+    tsan_free(g_ctx.tc);
+    g_ctx.tc = tsan_init(nullptr, &g_cfg.tsa, nullptr);
+    for (const bool on : {false, true}) {
+        const outcome o = in_child([&] {
+            g_cfg.tsa.is_enabled = on;
+            fake_clock::set(1000);
+            scripted_recv = [&](int call, void* buf, size_t) -> ssize_t {
+                fake_clock::advance_sec(5);
+                return call <= 3 ? next_dgram(buf) : (errno = 0, 0);
+            };
+            _exit(run_app() == 0 && log.contains("tsan_stats BEGIN") == on ? 0 : 1);
+        });
+        EXPECT_EQ(o.status, 0) << on;
+    }
+}
+
 // ---- statistics -----------------------------------------------------------------------------------------------
 
 namespace
 {
 
-// Runs the loop over ten datagrams a second apart with a report due every 5 seconds; returns what the mirror got.
-std::string mirrored_reports(uid_t uid, int level)
+// Runs the loop over 21 datagrams a second apart with a report due every 5 seconds: what came on the mirror (err) and
+// on the alert log (out).
+outcome run_with_reports(uid_t uid, int level)
 {
     const outcome o = in_child([&] {
         akit::app_world world;
@@ -535,22 +624,47 @@ std::string mirrored_reports(uid_t uid, int level)
         g_mod_ll[0] = level;
         log_default(&g_log, fopen("/dev/null", "w"));
         log_mirror(&g_log, stderr);
+        log_default(&g_access_log, stdout);
         tsan_free(g_ctx.tc);
+        g_cfg.tsa.pcr_freq_ms = 40;
         g_cfg.tsa.dump_stats_period = 5;
         g_ctx.tc = tsan_init(nullptr, &g_cfg.tsa, nullptr);
         if (seteuid(uid) != 0) _exit(2);
         fake_clock::set(1000);
         scripted_recv = [&](int call, void* buf, size_t) -> ssize_t {
-            if (call > 10) return errno = 0, 0;
+            if (call > 21) return errno = 0, 0;
             fake_clock::advance_sec(1);
             const bytes data = tsb::cat(stream.take(7));
             memcpy(buf, data.data(), data.size());
             return static_cast<ssize_t>(data.size());
         };
-        _exit(run_app() == 0 ? 0 : 1);
+        const int rc = run_app();
+        fflush(nullptr);
+        _exit(rc == 0 ? 0 : 1);
     });
     EXPECT_EQ(o.status, 0) << o.err;
-    return o.err;
+    return o;
+}
+
+std::string mirrored_reports(uid_t uid, int level)
+{
+    return run_with_reports(uid, level).err;
+}
+
+struct span_counts {
+    unsigned long local = 0;
+    unsigned long global = 0;
+};
+
+// Numbers of measurements in the last record of PCR intervals.
+span_counts last_pcr_counts(const std::string& records)
+{
+    span_counts last;
+    for (size_t at = 0; (at = records.find("STAT PCR-freq ", at)) != std::string::npos; ++at)
+        EXPECT_EQ(sscanf(records.c_str() + at, "STAT PCR-freq %*s %*d %*d %*s %lu %*u %*u %*u %*s %lu ", &last.local,
+                         &last.global),
+                  2);
+    return last;
 }
 
 } // namespace
@@ -562,6 +676,19 @@ TEST(app_stats, report_goes_to_the_terminal_for_users_at_debug_only)
     EXPECT_NE(mirrored_reports(65534, ll::debug).find("tsan_stats BEGIN"), std::string::npos);
     EXPECT_EQ(mirrored_reports(65534, ll::info).find("tsan_stats BEGIN"), std::string::npos);
     EXPECT_EQ(mirrored_reports(0, ll::debug).find("tsan_stats BEGIN"), std::string::npos);
+}
+
+TEST(app_stats, local_spans_begin_anew_for_users_at_debug_only)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    const span_counts anew = last_pcr_counts(run_with_reports(65534, ll::debug).out);
+    EXPECT_GT(anew.local, 0u);
+    EXPECT_LT(anew.local, anew.global);
+    for (const outcome& o : {run_with_reports(65534, ll::info), run_with_reports(0, ll::debug)}) {
+        const span_counts on = last_pcr_counts(o.out);
+        EXPECT_EQ(on.local, on.global);
+        EXPECT_EQ(on.global, anew.global);
+    }
 }
 
 // A reload may switch it while the ring turns over: what leaves the ring must have been counted in.
