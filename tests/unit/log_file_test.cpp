@@ -569,6 +569,18 @@ TEST_F(LogFileTest, a_log_is_rotated_behind_the_end_of_the_day)
     EXPECT_EQ(dir.names().size(), 2u);
 }
 
+TEST_F(LogFileTest, a_log_that_was_silent_for_days_is_rotated_once_and_waits_for_the_end_of_the_day_it_is)
+{
+    open_log();
+    log_set_rota(&g_log, 0, 4, T0);
+    const time_t end = log_rota_eod(&g_log);
+    fake_clock::set(end + 3 * 86400 + 5);
+    tv_log(ll::info, "text\n");
+    tv_log(ll::info, "text\n");
+    EXPECT_EQ(g_log.rota.next_idx, 1);
+    EXPECT_EQ(log_rota_eod(&g_log), end + 4 * 86400);
+}
+
 TEST_F(LogFileTest, size_and_end_of_day_together_rotate_once)
 {
     open_log();

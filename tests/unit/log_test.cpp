@@ -595,6 +595,13 @@ TEST_F(LogTest, a_mirror_on_the_same_descriptor_writes_each_line_once)
     log_mirror(&g_log, log.stream());
     tv_log(ll::info, "text\n");
     EXPECT_EQ(log.lines().size(), 1u);
+
+    FILE* twin = fdopen(fileno(log.stream()), "a"); // another stream, and the same descriptor
+    setvbuf(twin, nullptr, _IONBF, 0);
+    log_mirror(&g_log, twin);
+    tv_log(ll::info, "text\n");
+    EXPECT_EQ(log.lines().size(), 2u);
+    log_mirror(&g_log, nullptr); // the twin stays open: closing it would close the other one
 }
 
 TEST_F(LogTest, a_channel_without_a_stream_goes_on_at_standard_error)
@@ -778,6 +785,21 @@ TEST_F(LogTest, a_logged_assertion_leaves_the_call_stack_in_the_log)
     EXPECT_EQ(text.substr(0, 22), "(PNC)  ASSERT at:\n#0: ");
     EXPECT_EQ(text.substr(text.size() - 3), "==\n");
     EXPECT_LE(text.size(), strlen("(PNC)  ASSERT at:\n") + 511 + strlen("==\n"));
+}
+
+int fail_at_depth(int depth)
+{
+    if (depth > 0) return fail_at_depth(depth - 1) + 1; // and more afterwards, which keeps the call from being a jump
+    tv_assert_logged(depth < 0);
+    return 0;
+}
+
+TEST_F(LogTest, a_logged_assertion_leaves_511_characters_of_a_deep_call_stack)
+{
+    LogCapture log;
+    log_timefmt(&g_log, LTF_NO_TIME);
+    EXPECT_DEATH(fail_at_depth(30), "Assertion `depth < 0' failed");
+    EXPECT_EQ(log.text().size(), strlen("(PNC)  ASSERT at:\n") + 511 + strlen("==\n"));
 }
 
 TEST_F(LogTest, a_logged_assertion_flushes_the_log)

@@ -108,6 +108,20 @@ TEST(daemon, a_log_on_a_standard_stream_goes_on_at_stderr)
     EXPECT_EQ(0, status);
 }
 
+TEST(daemon, a_log_on_another_stream_of_descriptor_2_goes_on_at_stderr)
+{
+    piped_log log;
+    int status = -1;
+    const std::string report = make_daemon(
+        [] {
+            log_default(&g_log, fdopen(STDERR_FILENO, "w"));
+            return true;
+        },
+        &status);
+    EXPECT_NE(std::string::npos, report.find("log=stderr")) << report;
+    EXPECT_EQ(0, status);
+}
+
 TEST(daemon, buffered_output_goes_out_once_and_never_into_a_later_file)
 {
     piped_log log;
@@ -177,6 +191,7 @@ TEST(daemon, a_second_fork_that_fails_is_a_failure)
 TEST(users, an_unknown_user_is_told)
 {
     piped_log log;
+    errno = EIO; // of something before
     EXPECT_EQ(-1, run_as_user("no-such-user-here"));
     EXPECT_EQ("(ERR)  run_as_user: getpwnam: user no-such-user-here not found\n", log.text());
 }
@@ -303,8 +318,11 @@ TEST(runtime_home, an_effective_user_without_an_entry_has_no_home)
     SKIP_UNLESS_ROOT();
     constexpr uid_t nobody_knows = 2123456789;
     piped_log log;
-    EXPECT_EQ(0,
-              in_child([&] { return 0 == setuid(nobody_knows) && -1 == goto_runtime_home(nullptr, nullptr) ? 0 : 1; }));
+    EXPECT_EQ(0, in_child([&] {
+                  if (setuid(nobody_knows) != 0) return 1;
+                  errno = EIO; // of something before
+                  return -1 == goto_runtime_home(nullptr, nullptr) ? 0 : 2;
+              }));
     EXPECT_EQ("(ERR)  getpwuid(2123456789) ERROR(0): Success\n", log.text());
 }
 
