@@ -106,6 +106,21 @@ def test_quiet_keeps_the_terminal_clear(kvt):
     assert "Source:\n" not in kvt.stderr()
 
 
+def test_without_a_log_path_the_settings_are_shown_once(kvt):
+    kvt.run("-T", "-i", "file:///dev/null", "-S", "x", use_config=False)
+    assert kvt.stderr().count("Source:\n\tURL            = file:///dev/null\n") == 1
+    assert kvt.stderr().count("kvt shut down\n") == 1
+
+
+def test_the_level_counts_once_the_command_line_is_parsed(kvt):
+    kvt.write_config(level="debug")
+    kvt.run("-T", "-L", "norm", "-i", "file:///dev/null", "-S", "x")
+    assert f"(DBG)  KVTI  Using config at [{kvt.config_path}]\n" in kvt.stderr()
+    assert "STARTING." in kvt.log_text()
+    assert "(INF)" not in kvt.log_text() + kvt.stderr()
+    assert "(DBG)" not in kvt.log_text()
+
+
 def test_a_configuration_file_overrides_quiet(kvt):
     """-q is stored before the file is read, and the file's own key, false when missing, comes later."""
     kvt.write_config()

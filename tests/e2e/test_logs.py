@@ -71,6 +71,17 @@ def test_logs_may_be_commands(kvt, tcp_server, clean_stream):
     assert "kvt shut down" in log.read_text()
 
 
+@pytest.mark.parametrize("key", ["log", "alert_log"])
+def test_the_end_waits_for_the_commands_behind_the_logs(kvt, key):
+    note = kvt.folder / "note"
+    kvt.write_config()
+    path = kvt.log if key == "log" else kvt.alerts_path
+    command = f"|(cat; sleep 0.5; echo done) > {note}"
+    kvt.config_path.write_text(kvt.config_path.read_text().replace(f'"{path}"', f'"{command}"'))
+    kvt.run("-T", "-i", "file:///dev/null", "-S", "x")
+    assert note.read_text().endswith("done\n")
+
+
 def test_a_log_rotates_by_size_and_keeps_a_bounded_number(kvt, tcp_server, clean_stream):
     kvt.write_config(alert_extra="max_size_mb = 1; max_files = 2;", log_extra="max_size_mb = 1; max_files = 2;")
     data = damaged_stream(clean_stream) * 6

@@ -1,6 +1,7 @@
 """kvt as a daemon and in the foreground: pid file, user, signals, what is left behind."""
 import os
 import pwd
+import re
 import signal
 from pathlib import Path
 
@@ -70,6 +71,8 @@ def test_records_of_a_daemon_without_an_alert_log_reach_neither_its_files_nor_it
     try:
         kvt.wait_reading()
         assert [os.readlink(f"/proc/{kvt.pid}/fd/{fd}") for fd in (0, 1)] == ["/dev/null"] * 2
+        assert "Source:\n" in kvt.log_text()
+        assert "Source:\n" not in kvt.stderr()  # the settings are not for the terminal it left
         kvt.send(signal.SIGTERM)
         wait_until(lambda: gone(kvt.pid), "the daemon to end")
     finally:
@@ -88,6 +91,7 @@ def test_a_daemon_gives_up_root(daemon, tmp_path):
     assert uids[0].split()[1:] == [str(uid)] * 4
     # The user can enter the directory of the start, so the process went back there.
     assert f"running in [{kvt.folder}]" in kvt.log_text()
+    assert os.readlink(f"/proc/{kvt.pid}/cwd") == str(kvt.folder)
     kvt.send(signal.SIGINT)
     wait_until(lambda: gone(kvt.pid), "the daemon to end")
     assert kvt.shared_memory() == []
@@ -176,3 +180,27 @@ def test_a_system_call_trace_opens_with_its_variable(kvt):
     kvt.start("-T", "-i", f"udp://127.0.0.1:{free_port()}", "-S", "x", env={"SYSW_DEBUG": "1"}).wait_reading()
     assert kvt.stop() == 0
     assert "opened socket fd=" in kvt.log_text()
+
+
+@pytest.mark.parametrize("value", ["0", "", "10", "yes"])
+def test_only_1_opens_the_system_call_trace(kvt, value):
+    kvt.start("-T", "-i", f"udp://127.0.0.1:{free_port()}", "-S", "x", "-L", "debug",
+              env={"SYSW_DEBUG": value}).wait_reading()
+    assert kvt.stop() == 0
+    assert "(DBG)" in kvt.log_text()
+    assert "opened socket fd=" not in kvt.log_text()
+
+
+@pytest.mark.parametrize("args, told", [
+    (["-i", "nothing"], "kvt shut down"),  # the source
+    (["-i", "udp://127.0.0.1:1", "-a", "/nonexistent/alerts"], "runtime_setup: FAILED (rc=-1)"),
+])
+def test_a_start_that_fails_is_shut_down_like_a_run(kvt, args, told):
+    pid_file = kvt.folder / "kvt.pid"
+    assert kvt.run("-T", "-S", "x", "-p", pid_file, *args) == 1
+    assert f"Created pidfile [{pid_file}] with pid={kvt.pid}." in kvt.stderr()
+    log = kvt.log_text()
+    assert told in log
+    assert re.search(rf"kvt shut down\n.* EXIT\(1\)\. PID={kvt.pid}\n$", log)
+    assert not pid_file.exists()
+    assert kvt.shared_memory() == []
