@@ -185,8 +185,10 @@ TEST(open_socket, opens_an_ipv6_listener_for_both_families)
     if (!has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
     socket_spec spec = spec_of(SOCK_STREAM, AF_INET6);
     spec.passive = 1;
+    LogCapture log;
     const Fd fd(open_at(nullptr, "0", &spec));
     ASSERT_GE(fd.get(), 0);
+    EXPECT_EQ(log.count("set_ipv6only: "), 1u); // whatever the host's own setting is
     EXPECT_EQ(int_option(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY), 0);
     socket_spec client = spec_of(SOCK_STREAM);
     const Fd peer(open_at("127.0.0.1", std::to_string(local_port(fd.get())), &client));
@@ -359,7 +361,32 @@ TEST(open_socket, goes_on_where_a_candidate_has_no_socket)
     EXPECT_EQ(status, 0);
     EXPECT_GE(log.count("open_socket: socket("), 2u); // each candidate was tried
     EXPECT_TRUE(log.contains("mk_sockaddr: BAD af=IPv4 (2), proto = 17"));
-    EXPECT_TRUE(log.contains("mk_sockaddr: failed for [10.0.0.1:5000]"));
+    EXPECT_EQ(log.messages(ll::error).back(), "mk_sockaddr: failed for [10.0.0.1:5000]");
+}
+
+TEST(open_socket, sets_nothing_up_where_there_is_no_socket)
+{
+    LogCapture log;
+    const int status = with_failing(SYS_socket, EMFILE, prk::arg_is{0, AF_INET}, [] {
+        socket_spec spec = spec_of(SOCK_STREAM, 0);
+        spec.non_blocking = 1;
+        return open_at("127.0.0.1", "5000", &spec) == -1 && errno == EMFILE && spec.family == 0;
+    });
+    if (status == NO_FILTER) GTEST_SKIP() << "no system call filters to be had here";
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(log.messages(ll::error),
+              (Lines{"open_socket: socket(2, 1, 6) ERROR(24): Too many open files"})); // and no connect or close of -1
+}
+
+TEST(open_socket, resolves_for_the_family_that_is_asked_for)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    LogCapture log;
+    socket_spec spec = spec_of(SOCK_STREAM, AF_INET6);
+    EXPECT_EQ(open_at("127.0.0.1", std::to_string(port), &spec), -1);
+    EXPECT_EQ(log.count("af=IPv4"), 0u); // there is no candidate
+    EXPECT_EQ(log.messages(ll::error), Lines{});
 }
 
 TEST(open_socket, takes_a_sender_with_and_without_a_port)
@@ -459,6 +486,21 @@ TEST(setup_listener, connects_a_socket_that_is_neither_datagram_nor_stream)
     EXPECT_TRUE(log.contains("setup_listener: CONNECT [" + std::to_string(fd.get()) + "]"));
 }
 
+TEST(setup_listener, gives_the_errno_of_a_connect_that_fails)
+{
+    LogCapture log;
+    const int status = with_failing(SYS_connect, ETIMEDOUT, prk::arg_is{2, sizeof(sockaddr_in)}, [] {
+        const Fd fd(socket(AF_INET, SOCK_DGRAM, 0));
+        auto addr = loopback4(0);
+        const addrinfo ai = candidate(addr, SOCK_DGRAM);
+        const socket_spec spec = spec_of(SOCK_SEQPACKET);
+        return setup_listener(fd.get(), &ai, &spec) == ETIMEDOUT;
+    });
+    if (status == NO_FILTER) GTEST_SKIP() << "no system call filters to be had here";
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(log.count("setup_listener: CONNECT ["), 0u);
+}
+
 TEST(setup_listener, gives_minus_one_where_the_bind_fails)
 {
     const Fd fd(socket(AF_INET, SOCK_STREAM, 0));
@@ -521,7 +563,9 @@ TEST(mk_sockaddr, makes_an_address)
     LogCapture log;
     sockaddr_storage ss = {};
     socklen_t len = 0;
+    errno = EIO; // an old one
     EXPECT_EQ(mk_sockaddr("10.0.0.1:5000", SOCK_DGRAM, 0, &ss, &len), 0);
+    EXPECT_EQ(errno, 0);
     EXPECT_EQ(text_of(ss), "10.0.0.1:5000");
     EXPECT_EQ(len, sizeof(sockaddr_in));
     EXPECT_TRUE(log.contains("mk_sockaddr: DGRAM(0) address for [10.0.0.1:5000]"));

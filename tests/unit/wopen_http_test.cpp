@@ -149,6 +149,12 @@ TEST(usock_open, assumes_port_80_for_http)
     EXPECT_EQ(s.open("http://127.0.0.1/a"), -1);
     EXPECT_TRUE(log.contains("usock_open: assuming HTTP port 80 for [http://127.0.0.1/a]"));
     EXPECT_TRUE(log.contains("open_socket: TCP CLIENT [UNSPEC (0)] socket for [127.0.0.1:80], ifc=none"));
+    log.clear();
+    Source digit; // one digit is a port
+    digit.uc.skip_http = true;
+    EXPECT_EQ(digit.open("http://127.0.0.1:9/a"), -1);
+    EXPECT_EQ(log.count("assuming"), 0u);
+    EXPECT_TRUE(log.contains("open_socket: TCP CLIENT [UNSPEC (0)] socket for [127.0.0.1:9], ifc=none"));
 }
 
 TEST(usock_open, runs_no_exchange_when_told_so)
@@ -253,6 +259,7 @@ TEST(fwd_http_rq, asks_for_tail_and_query)
         {"http://192.0.2.1:8080/live/a.ts?x=1", "GET /live/a.ts?x=1 HTTP/1.1\r\nHost: 192.0.2.1:8080"},
         {"http://192.0.2.1/", "GET / HTTP/1.1\r\nHost: 192.0.2.1"},
         {"http://192.0.2.1", "GET / HTTP/1.1\r\nHost: 192.0.2.1"},
+        {"http://192.0.2.1/?x", "GET /?x HTTP/1.1\r\nHost: 192.0.2.1"},
         {"http://192.0.2.1?x=1", "GET /?x=1 HTTP/1.1\r\nHost: 192.0.2.1"},
         {"http://user@192.0.2.1/a", "GET /a HTTP/1.1\r\nHost: 192.0.2.1"},
         {"http:///a", "GET / HTTP/1.1\r\nHost: a"},
@@ -333,6 +340,18 @@ TEST(usock_http_get_response, takes_any_status_of_success)
     }
 }
 
+TEST(usock_http_get_response, says_nothing_of_a_tail_that_is_not_there)
+{
+    PeerPair p;
+    p.reply(OK_HEAD);
+    char buf[256];
+    http_resp_buf resp = {buf, sizeof(buf), {}};
+    LogCapture log;
+    EXPECT_EQ(usock_http_get_response(p.fd(), &resp), 0);
+    EXPECT_EQ(resp.ctx.total, resp.ctx.tail);
+    EXPECT_EQ(log.count("HTTP tail"), 0u);
+}
+
 TEST(usock_http_get_response, gives_13_for_another_status)
 {
     for (const int code : {199, 300, 404}) {
@@ -371,6 +390,20 @@ TEST(usock_http_get_response, goes_twice_as_far_in_at_a_second_call)
     p.reply("1.1", SIZE_MAX, false);
     EXPECT_EQ(usock_http_get_response(p.fd(), &resp), 11);
     EXPECT_EQ(memcmp(buf, "HTTP/\0\0\0\0\0001.1", 13), 0);
+}
+
+TEST(usock_http_get_response, keeps_to_its_buffer_at_a_second_call)
+{
+    PeerPair p;
+    p.reply("HTTP/", SIZE_MAX, false);
+    ASSERT_EQ(fcntl(p.fd(), F_SETFL, O_NONBLOCK), 0);
+    char buf[80] = "";
+    http_resp_buf resp = {buf, 64, {}};
+    EXPECT_EQ(usock_http_get_response(p.fd(), &resp), 11);
+    p.reply(std::string(200, 'x'), SIZE_MAX, false);
+    EXPECT_EQ(usock_http_get_response(p.fd(), &resp), -1);
+    EXPECT_EQ(resp.ctx.total, 58); // 64, less 5 that the buffer was advanced by, less the last place
+    EXPECT_EQ(std::string(buf + 10, 54), std::string(53, 'x') + '\0');
 }
 
 TEST(usock_http_get_response, gives_7_for_a_full_buffer_and_minus_1_for_a_failure)
@@ -435,7 +468,21 @@ TEST(usock_http_get_body, reports_a_read_that_gives_nothing)
     EXPECT_EQ(body->data_len, 18u);
     EXPECT_EQ(memcmp(body->data + 15, "abc", 3), 0);
     EXPECT_TRUE(log.contains("usock_http_get_body: read(fd" + p.name() + "..) 3 bytes, 2 left to read"));
+    EXPECT_EQ(log.messages(ll::error), Lines{}); // no data yet is no fault
     EXPECT_EQ(usock_http_get_body(-1, body.get()), EBADF);
+}
+
+TEST(usock_http_get_body, reads_a_single_byte)
+{
+    PeerPair p;
+    ASSERT_EQ(fcntl(p.fd(), F_SETFL, O_NONBLOCK), 0);
+    const Body last = body_of(10, 11);
+    EXPECT_EQ(usock_http_get_body(p.fd(), last.get()), 11); // one byte is waited for
+    p.reply("a", SIZE_MAX, false);
+    const Body first = body_of(10, 12);
+    EXPECT_EQ(usock_http_get_body(p.fd(), first.get()), 11); // one of two has come
+    EXPECT_EQ(first->data_len, 13u);
+    EXPECT_EQ(first->data[12], 'a');
 }
 
 // The end of the data sets no error number: one left over from an earlier call is not its reason.

@@ -21,12 +21,18 @@
 #include <string>
 #include <vector>
 
-// The linker leads W_calloc here, so that memory can run out.
-static bool g_no_memory = false;
+// The linker leads W_calloc and strdup here, so that memory can run out.
+static bool g_no_buffer = false;
+static bool g_no_copy = false;
+extern "C" char* __real_strdup(const char* text);
+extern "C" char* __wrap_strdup(const char* text)
+{
+    return g_no_copy ? nullptr : __real_strdup(text);
+}
 extern "C" void* __real__Z8W_callocPKcmm(const char* caller, size_t nmemb, size_t size);
 extern "C" void* __wrap__Z8W_callocPKcmm(const char* caller, size_t nmemb, size_t size)
 {
-    return g_no_memory ? nullptr : __real__Z8W_callocPKcmm(caller, nmemb, size);
+    return g_no_buffer ? nullptr : __real__Z8W_callocPKcmm(caller, nmemb, size);
 }
 
 namespace
@@ -216,6 +222,29 @@ TEST(usock_open_DeathTest, stops_on_a_context_that_is_open)
     EXPECT_DEATH(usock_open("file:///dev/null", &s.uc), "Assertion `NULL == uc->url_path' failed");
 }
 
+TEST(usock_open_DeathTest, stops_where_the_path_cannot_be_copied)
+{
+    usock_ctx uc = {};
+    g_no_copy = true;
+    EXPECT_DEATH(usock_open("file:///dev/null", &uc), "Assertion `uc->url_path' failed");
+    g_no_copy = false;
+}
+
+// A process without standard input gets descriptor 0, which is one like any other.
+TEST(usock_open, opens_and_closes_descriptor_0)
+{
+    LogCapture log;
+    EXPECT_EQ(prk::in_child([] {
+                  close(0);
+                  Source s;
+                  if (s.open("file:///dev/null") != 0) return 1;
+                  s.close();
+                  return is_open(0) ? 2 : 0;
+              }),
+              0);
+    EXPECT_EQ(log.messages().back(), "usock_close: CLOSED(fd0)");
+}
+
 // ---- closing --------------------------------------------------------------------------------------------------
 
 TEST(usock_close, does_nothing_for_nothing)
@@ -327,8 +356,9 @@ TEST(usock_open, drops_tail_query_and_authority_of_a_tcp_url)
 {
     uint16_t port = 0;
     const Fd listener = listening_socket(AF_INET, &port);
-    for (const std::string& url :
-         {loopback_url("tcp", port, "/anything?x=1"), "tcp://10.0.0.1@127.0.0.1:" + std::to_string(port)}) {
+    const std::string num = std::to_string(port);
+    for (const std::string& url : {loopback_url("tcp", port, "/anything?x=1"), "tcp://10.0.0.1@127.0.0.1:" + num,
+                                   "tcp://127.0.0.1:" + std::string(31 - num.size(), '0') + num}) { // 31 fit a port
         Source s;
         ASSERT_GE(s.open(url), 0) << url;
         EXPECT_FALSE(s.uc.sspec.is_ssm);
@@ -406,6 +436,10 @@ TEST(usock_open, sets_the_time_out_on_the_side_of_the_flow)
     EXPECT_EQ(out.uc.sspec.writer, 1u);
     EXPECT_EQ(timeout_option_ms(out.fd, SO_RCVTIMEO), 0);
     EXPECT_EQ(timeout_option_ms(out.fd, SO_SNDTIMEO), 2000);
+    Source shortest;
+    shortest.uc.timeout_ms = 1; // the kernel may round it up
+    ASSERT_GE(shortest.open(loopback_url("tcp", port)), 0);
+    EXPECT_GE(timeout_option_ms(shortest.fd, SO_RCVTIMEO), 1);
     Source nb;
     nb.uc.non_blocking = true;
     nb.uc.timeout_ms = 1500;
@@ -429,14 +463,14 @@ TEST(usock_open, closes_the_socket_where_the_time_out_cannot_be_set)
     EXPECT_EQ(s.uc.url_path, nullptr);
 }
 
-TEST(usock_open, ends_in_order_when_memory_runs_out)
+TEST(usock_open, ends_in_order_when_memory_for_the_buffer_runs_out)
 {
     for (const char* url : {"tcp://127.0.0.1:1", "http://127.0.0.1:1/a"}) {
         Source s;
         LogCapture log;
-        g_no_memory = true;
+        g_no_buffer = true;
         EXPECT_EQ(s.open(url), -1);
-        g_no_memory = false;
+        g_no_buffer = false;
         // No exchange is tried, and the context has been through usock_close.
         EXPECT_EQ(log.messages(ll::error), Lines{});
         EXPECT_EQ(s.uc.url_path, nullptr);
@@ -483,6 +517,8 @@ TEST(usock_open, reports_a_datagram_source_that_cannot_be_had)
         {"udp://198.51.100.1:5000", {"reuse_and_bind: bind("}},
         {"udp://1234@127.0.0.1:5000",
          {"mk_sockaddr: cannot accept plain number [1234] as IP address", "open_socket: invalid SSM source: 1234"}},
+        {"udp://s@127.0.0.1:5000",
+         {"mk_sockaddr: cannot accept plain number [s] as IP address", "open_socket: invalid SSM source: s"}},
         {"udp://[:5000", {"uri_path_addrport: ERROR parsing path=[[:5000]"}},
     };
     for (const auto& row : rows) {
