@@ -131,7 +131,9 @@ TEST_F(app_start, source_is_asked_for_as_an_input_that_may_block)
 {
     memset(static_cast<void*>(&g_ctx.uc), 0x5a, sizeof(g_ctx.uc));
     source("udp://127.0.0.1:0");
+    errno = ENOENT;
     ASSERT_EQ(init_kvti_ctx(), 0);
+    EXPECT_EQ(errno, 0);
     EXPECT_TRUE(g_ctx.uc.inbound);
     EXPECT_FALSE(g_ctx.uc.non_blocking);
     EXPECT_EQ(g_ctx.uc.ifc_tag, g_cfg.mcast_ifc);
@@ -230,8 +232,15 @@ TEST_F(app_start, slash_at_the_end_of_the_snapshot_directory_is_cut)
 
 TEST_F(app_start, source_that_cannot_be_opened_ends_the_start_with_minus_1)
 {
-    akit::tcp_server gone({});
-    const std::string closed = "tcp://127.0.0.1:1"; // nobody listens there
+    // A port that is taken, and nobody listens there.
+    const int taken = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(sa);
+    ASSERT_EQ(bind(taken, reinterpret_cast<struct sockaddr*>(&sa), len), 0);
+    getsockname(taken, reinterpret_cast<struct sockaddr*>(&sa), &len);
+    const std::string closed = "tcp://127.0.0.1:" + std::to_string(ntohs(sa.sin_port));
     for (const std::string& url : {closed, std::string("m3u://h/a"), std::string("nothing"), std::string("udp://h")}) {
         source(url);
         EXPECT_EQ(init_kvti_ctx(), -1) << url;
@@ -243,6 +252,7 @@ TEST_F(app_start, source_that_cannot_be_opened_ends_the_start_with_minus_1)
         EXPECT_EQ(g_ctx.mmr, nullptr);
         EXPECT_EQ(g_ctx.tc, nullptr);
     }
+    close(taken);
 }
 
 TEST_F(app_start, analyzer_is_named_by_the_tag_and_without_one_by_the_url)
