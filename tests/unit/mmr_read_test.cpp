@@ -416,6 +416,29 @@ TEST_F(mmr_reader, does_not_look_behind_the_memory_of_an_rtp_span)
     EXPECT_EQ(cut::of(ring, {last, size}).rc, FOREIGN);
 }
 
+// A header counts as far as the span goes; inside the ring, what lies behind the span is looked at as well.
+TEST_F(mmr_reader, finds_an_rtp_header_in_the_last_bytes_of_a_span)
+{
+    make_rtp();
+    const bytes unit = rtp_bytes(1);
+    for (const size_t tail : {13, 14, 15, 16, 17}) {
+        const size_t size = 100 + tail;
+        const auto exact = std::make_unique<uint8_t[]>(size);
+        std::fill_n(exact.get(), 100, uint8_t{1});
+        std::copy_n(unit.data(), tail, exact.get() + 100);
+        const cut c = cut::of(ring, {exact.get(), size});
+        EXPECT_EQ(c.rc, EMPTY) << tail;
+        EXPECT_EQ(c.offset, 100) << tail;
+    }
+    for (const size_t at : {ring->buflen, 2 * ring->buflen - 16}) { // 16 bytes ahead of the dead zone: just enough
+        uint8_t* header = ring->buf + at;
+        std::copy_n(unit.data(), 16, header);
+        const cut c = cut::of(ring, {header, 12});
+        EXPECT_EQ(c.rc, EMPTY) << at;
+        EXPECT_EQ(c.offset, 0) << at;
+    }
+}
+
 // ---- the payload ----------------------------------------------------------------------------------------------
 
 TEST_F(mmr_reader, finds_no_sync_in_an_empty_ring)
