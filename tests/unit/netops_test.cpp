@@ -277,6 +277,21 @@ TEST(open_socket, refuses_a_plain_number_as_address)
     EXPECT_EQ(log.messages(ll::error), (Lines{"open_socket: cannot accept plain number [1234] as IP address"}));
 }
 
+TEST(open_socket, refuses_the_port_first_then_the_address_then_the_sender)
+{
+    LogCapture log;
+    socket_spec spec = spec_of(SOCK_DGRAM);
+    EXPECT_EQ(open_at("1234", "abc", &spec, "5678"), -1);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"open_socket: empty or invalid port [abc]"}));
+    log.clear();
+    EXPECT_EQ(open_at("1234", "5000", &spec, "5678"), -1);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"open_socket: cannot accept plain number [1234] as IP address"}));
+    EXPECT_FALSE(spec.is_ssm);
+    log.clear();
+    EXPECT_EQ(open_at("", "5000", &spec, "5678"), -1); // what the resolver would refuse is not asked for
+    EXPECT_EQ(log.messages(ll::error).back(), "open_socket: invalid SSM source: 5678");
+}
+
 TEST(open_socket, fails_without_a_word_where_the_resolver_finds_nothing)
 {
     LogCapture log;
@@ -589,6 +604,7 @@ TEST(mk_sockaddr, rejects_texts)
         {"::1:5000", "mk_sockaddr: cannot accept plain number [::1] as IP address"},
         {"[::1]:5000", "mk_sockaddr: cannot accept plain number [[::1]] as IP address"},
         {"10.0.0.1:", "mk_sockaddr: port must be plain decimal number []"},
+        {"1234:80x", "mk_sockaddr: cannot accept plain number [1234] as IP address"}, // the port comes later
         {"10.0.0.1:80x", "mk_sockaddr: port must be plain decimal number [80x]"},
     };
     for (const auto& row : rows) {

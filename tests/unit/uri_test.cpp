@@ -241,6 +241,10 @@ TEST(uri_extract, logs_what_it_refuses)
         {"eightchr://h", "extract: uri_get_scheme ERROR"},
         {"udp://" + auth64 + "@h:1", "extract: uri_get_authority ERROR"},
         {"udp://" + big, "extract: uri_get_path ERROR"},
+        // The segments are taken from left to right, and the first that doesn't fit is the one told.
+        {"eightchr://" + auth64 + "@" + big + "?" + query256, "extract: uri_get_scheme ERROR"},
+        {"udp://" + auth64 + "@" + big + "?" + query256, "extract: uri_get_authority ERROR"},
+        {"udp://a@" + big + "?" + query256, "extract: uri_get_path ERROR"},
         {"udp://?q", "extract: uri_get_path ERROR"},
         {"http://h/a?" + query256, "extract: uri_get_query ERROR"},
         {"gopher://h", nullptr},

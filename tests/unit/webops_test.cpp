@@ -162,6 +162,11 @@ TEST(send_http_request, refuses_other_types)
     EXPECT_EQ(send_http_request(-1, &rq), -1);
     EXPECT_EQ(log.messages(), (Lines{"send_http_request: only GET requests are currently supported."}));
     EXPECT_EQ(log.messages(ll::error).size(), 1u);
+    log.clear();
+    const std::string over(128, 'h');
+    rq.host_addr = over.c_str(); // the type is judged first
+    EXPECT_EQ(send_http_request(-1, &rq), -1);
+    EXPECT_EQ(log.messages(ll::error), (Lines{"send_http_request: only GET requests are currently supported."}));
 }
 
 TEST(send_http_request, holds_the_limit_of_the_host)
@@ -471,6 +476,19 @@ TEST(recv_http_response, refuses_a_head_that_fills_the_buffer)
     }
 }
 
+TEST(recv_http_response, takes_the_last_byte_that_fits_by_itself)
+{
+    const std::string head = "HTTP/1.1 200 OK\r\n\r\n";
+    for (const size_t room : {head.size() + 1, head.size()}) { // one place stays free
+        PeerPair p;
+        p.reply(head, room - 2);
+        std::vector<char> buf(room, '#');
+        http_resp_ctx ctx = {};
+        EXPECT_EQ(recv_http_response(p.fd(), buf.data(), room, &ctx), room > head.size() ? 0 : -1);
+        EXPECT_EQ(ctx.total, static_cast<ssize_t>(room - 1));
+    }
+}
+
 TEST(recv_http_response_DeathTest, stops_without_a_buffer)
 {
     char buf[8];
@@ -512,6 +530,15 @@ TEST(get_http_response, gives_a_tail_of_nothing_for_a_bare_head)
     const Answer a = answer_to(OK_HEAD);
     EXPECT_EQ(a.rc, 0);
     EXPECT_EQ(a.tail, "");
+}
+
+TEST(get_http_response, hands_over_nothing_where_the_head_has_no_end)
+{
+    for (const std::string& reply : {std::string("HTTP/1.1 200 OK\r\nbytes"), std::string(2000, 'h')}) {
+        const Answer a = answer_to(reply);
+        EXPECT_EQ(a.rc, -1);
+        EXPECT_EQ(a.tail, "#");
+    }
 }
 
 TEST(get_http_response, refuses_every_status_but_200)

@@ -594,6 +594,7 @@ TEST_F(usock_open_multicast, joins_with_a_source_and_leaves_the_plain_way)
         LogCapture log;
         ASSERT_GE(s.open(url), 0);
         EXPECT_TRUE(s.uc.sspec.is_ssm);
+        EXPECT_EQ(log.messages(ll::error), Lines{});
         EXPECT_TRUE(log.contains("usock_open: SSM source=[10.0.0.1"));
         EXPECT_EQ(log.count("MCAST_JOIN"), 0u);
         s.close();
