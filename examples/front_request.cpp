@@ -18,6 +18,8 @@ using std::string_view;
 
 constexpr std::array<string_view, 7> OTHER_METHODS = {"POST", "PUT", "DELETE", "CONNECT", "TRACE", "OPTIONS", "PATCH"};
 constexpr string_view BLANKS = " \t";
+constexpr char TOKEN_MARKS[] = "!#$%&'*+-.^_`|~";
+constexpr char HOST_MARKS[] = "-._~!$&'()*+,;=%:[]";
 
 // What the header lines say, as far as it decides about the request's fate.
 struct header_facts {
@@ -34,11 +36,17 @@ bool equal_nocase(string_view a, string_view b)
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
+// True for a text of letters, digits and the marks.
+bool is_made_of(const char* marks, string_view text)
+{
+    return std::all_of(text.begin(), text.end(), [marks](char c) {
+        return isalnum(static_cast<unsigned char>(c)) || (c != '\0' && strchr(marks, c));
+    });
+}
+
 bool is_token(string_view text)
 {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-        return isalnum(static_cast<unsigned char>(c)) || (c != '\0' && strchr("!#$%&'*+-.^_`|~", c));
-    });
+    return !text.empty() && is_made_of(TOKEN_MARKS, text);
 }
 
 bool is_number(string_view text)
@@ -66,6 +74,17 @@ string_view take_line(string_view* text)
     string_view line = take_until(text, '\n');
     if (line.ends_with('\r')) line.remove_suffix(1);
     return line;
+}
+
+// A lone newline ends a line for us; others may take it for a part of the line, unless all lines end like that.
+bool ends_alike(string_view head)
+{
+    const auto has_return = [head](size_t at) { return at > 0 && head[at - 1] == '\r'; };
+    const size_t first = head.find('\n');
+    for (size_t at = first; at != string_view::npos; at = head.find('\n', at + 1)) {
+        if (has_return(at) != has_return(first)) return false;
+    }
+    return true;
 }
 
 bool is_printable(string_view line)
@@ -104,7 +123,10 @@ int read_header_line(string_view line, struct header_facts* facts)
     if (colon == string_view::npos || !is_token(line.substr(0, colon))) return 400; // also a folded line
     const string_view name = line.substr(0, colon);
     const string_view value = trim(line.substr(colon + 1));
-    if (equal_nocase(name, "Host")) ++facts->hosts;
+    if (equal_nocase(name, "Host")) {
+        ++facts->hosts;
+        if (!is_made_of(HOST_MARKS, value)) return 400;
+    }
     if (equal_nocase(name, "Connection")) read_connection(value, facts);
     if (equal_nocase(name, "Transfer-Encoding")) facts->has_coding = true;
     if (equal_nocase(name, "Content-Length")) {
@@ -119,6 +141,7 @@ int read_header_line(string_view line, struct header_facts* facts)
 int front_read_request(string_view head, struct front_request* rq)
 {
     *rq = {};
+    if (!ends_alike(head)) return 400;
     string_view rest = head;
     string_view line = take_line(&rest);
     if (!is_printable(line)) return 400;
@@ -128,7 +151,7 @@ int front_read_request(string_view head, struct front_request* rq)
         if (!is_printable(line)) return 400;
         if (const int status = read_header_line(line, &facts)) return status;
     }
-    if (!rest.empty()) return 400; // ended by a mixture of line ends, behind which others may see a second request
+    if (!rest.empty()) return 400; // more than one head
 
     struct http_header hdr;
     if (parse_http_header(head.data(), head.size(), &hdr, rq->target, sizeof(rq->target)) != 0) return 400;
@@ -138,6 +161,20 @@ int front_read_request(string_view head, struct front_request* rq)
     if (facts.hosts > 1 || (facts.hosts == 0 && !hdr.is_http10)) return 400;
     if (facts.has_coding) return 501;
     return facts.has_body ? 413 : 0;
+}
+
+size_t front_blank_lines(string_view text)
+{
+    size_t len = 0;
+    for (;;) {
+        const string_view rest = text.substr(len);
+        if (rest.starts_with('\n'))
+            len += 1;
+        else if (rest.starts_with("\r\n"))
+            len += 2;
+        else
+            return len;
+    }
 }
 
 int front_judge_overlong(string_view text)

@@ -138,6 +138,14 @@ TEST(front_request, a_request_of_http_1_1_has_one_host)
     EXPECT_EQ(status_of(get("Host: a\r\nHost: a\r\n", "1.0")), 400);
 }
 
+TEST(front_request, a_host_is_a_name_or_an_address_and_perhaps_a_port)
+{
+    for (const char* host : {"a", "a.b-c_d", "a:80", "[::1]", "[::1]:8080", "[fe80::1%25lo]", "%41", "a:"})
+        EXPECT_EQ(status_of(get(std::string("Host: ") + host + "\r\n")), 0) << host;
+    for (const char* host : {"a b", "a/b", "a?b", "a#b", "u@a", "a\\b", "<a>", "\"a\"", "a\tb", "\xc3\xa4", "http://a"})
+        EXPECT_EQ(status_of(get(std::string("Host: ") + host + "\r\n")), 400) << host;
+}
+
 TEST(front_request, bodies_are_refused_and_their_lengths_must_make_sense)
 {
     const std::string host = HOST;
@@ -156,6 +164,17 @@ TEST(front_request, a_blank_line_ends_the_head_for_all_readers)
 {
     EXPECT_EQ(status_of("GET / HTTP/1.1\r\nHost: h\n\r\nGET /b HTTP/1.1\r\nHost: h\r\n\r\n"), 400);
     EXPECT_EQ(status_of("GET / HTTP/1.0\n\r\nx: y\n\n"), 400);
+}
+
+TEST(front_request, all_lines_end_alike)
+{
+    // A reader that takes a lone newline for a part of its line would see one request more, or one less.
+    EXPECT_EQ(status_of("GET / HTTP/1.1\r\nHost: h\r\nX: a\n\n"), 400);
+    EXPECT_EQ(status_of("GET / HTTP/1.1\r\nHost: h\nX: a\r\n\r\n"), 400);
+    EXPECT_EQ(status_of("GET / HTTP/1.1\nHost: h\r\n\r\n"), 400);
+    EXPECT_EQ(status_of("GET / HTTP/1.1\nHost: h\nX: a\r\n\n"), 400);
+    EXPECT_EQ(status_of("GET / HTTP/1.1\r\nHost: h\r\n\n"), 400);
+    EXPECT_EQ(status_of("GET / HTTP/1.1\nHost: h\nX: a\n\n"), 0);
 }
 
 TEST(front_request, a_target_may_be_as_long_as_its_room)
