@@ -17,7 +17,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -29,6 +28,7 @@ namespace
 using std::string_view;
 
 constexpr int READ_FLAGS = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK; // a FIFO must not hold us up
+constexpr int LOOK_FLAGS = O_PATH | O_CLOEXEC;
 constexpr int STEP_FLAGS = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 struct content_type {
@@ -64,14 +64,14 @@ int status_of(int err)
     }
 }
 
-int open_beneath(int root, const char* path)
+int open_beneath(int root, const char* path, int flags)
 {
     struct open_how how = {};
-    how.flags = static_cast<uint64_t>(READ_FLAGS);
+    how.flags = static_cast<__u64>(flags);
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
     const long fd = syscall(SYS_openat2, root, path, &how, sizeof(how));
     // Old kernels don't know the call, and sandboxes refuse what they don't know.
-    if (fd < 0 && (errno == ENOSYS || errno == EPERM)) return front_walk(root, path);
+    if (fd < 0 && (errno == ENOSYS || errno == EPERM)) return front_walk(root, path, flags);
     return static_cast<int>(fd);
 }
 
@@ -94,14 +94,13 @@ int step(int dir, string_view part, int flags)
     return openat(dir, name, flags | O_NOFOLLOW);
 }
 
-} // namespace
-
-int front_open(int root, const char* path, off_t* size)
+// Opens a regular file. Its descriptor, or a status with its sign changed.
+int open_file(int root, const char* path, int flags, off_t* size)
 {
-    const int fd = open_beneath(root, path);
+    const int fd = open_beneath(root, path, flags);
     if (fd < 0) {
         const int status = status_of(errno);
-        if (status >= 500) tv_log(ll::error, "%s: open ERROR: %m\n", __func__); // the server's fault
+        if (status >= 500) tv_log(ll::error, "%s: open ERROR: %m\n", "front_open"); // the server's fault
         return -status;
     }
     struct stat st = {};
@@ -109,11 +108,23 @@ int front_open(int root, const char* path, off_t* size)
         *size = st.st_size;
         return fd;
     }
-    (void)W_close(__func__, fd); // logged
+    (void)W_close("front_open", fd); // logged
     return -403;
 }
 
-int front_walk(int root, const char* path)
+} // namespace
+
+int front_open(int root, const char* path, off_t* size)
+{
+    // To open a FIFO for reading lets its writer go on, to close it kills the writer, and devices act on an open: so
+    // there is a look first. What has changed since then is refused all the same.
+    const int place = open_file(root, path, LOOK_FLAGS, size);
+    if (place < 0) return place;
+    (void)W_close(__func__, place); // logged
+    return open_file(root, path, READ_FLAGS, size);
+}
+
+int front_walk(int root, const char* path, int flags)
 {
     if (*path == '/') {
         errno = EXDEV;
@@ -123,7 +134,7 @@ int front_walk(int root, const char* path)
     for (string_view rest = path;;) {
         const size_t end = std::min(rest.find('/'), rest.size());
         const bool is_last = end == rest.size();
-        const int fd = step(dir, rest.substr(0, end), is_last ? READ_FLAGS : STEP_FLAGS);
+        const int fd = step(dir, rest.substr(0, end), is_last ? flags : STEP_FLAGS);
         const int err = errno;
         if (dir != root) (void)W_close(__func__, dir); // logged
         errno = err;

@@ -20,7 +20,8 @@ using std::string_view;
 
 constexpr string_view FILE_SCHEME = "file://"; // what the library puts ahead of a fragment's path
 constexpr string_view HTTP_SCHEME = "http://";
-constexpr int BAD_RANGE = -22; // of uri_extract_endpts_ext, for a playlist
+constexpr size_t QUERY_LIMIT = 3 * URI_QUERY_MAX; // of a query with its question marks escaped
+constexpr int BAD_RANGE = -22;                    // of uri_extract_endpts_ext, for a playlist
 
 bool is_hex(char c)
 {
@@ -30,6 +31,13 @@ bool is_hex(char c)
 bool is_control(char c)
 {
     return iscntrl(static_cast<unsigned char>(c)) != 0;
+}
+
+// True for a whole URL.
+bool has_host(const char* target)
+{
+    if (strncasecmp(target, HTTP_SCHEME.data(), HTTP_SCHEME.size()) != 0) return false;
+    return strcspn(target + HTTP_SCHEME.size(), ":/?") > 0;
 }
 
 // The path of a target, from its first slash to its query.
@@ -51,12 +59,12 @@ bool has_bad_escape(string_view path)
     return false;
 }
 
-// Copies a path for the decoder, which takes a plus for a blank, as in a query. False if it doesn't fit.
-bool copy_path(string_view path, char* dst, size_t size)
+// Copies a text with a mark of it escaped. False if it doesn't fit.
+bool copy_escaped(string_view src, char mark, string_view escape, char* dst, size_t size)
 {
     size_t len = 0;
-    for (const char& c : path) {
-        const string_view text = c == '+' ? "%2B" : string_view(&c, 1);
+    for (const char& c : src) {
+        const string_view text = c == mark ? escape : string_view(&c, 1);
         if (size - len <= text.size()) return false;
         memcpy(dst + len, text.data(), text.size());
         len += text.size();
@@ -65,9 +73,19 @@ bool copy_path(string_view path, char* dst, size_t size)
     return true;
 }
 
-// A decoded path: 0 if it may be opened, 400, or 403.
-int judge(string_view path)
+// Decodes a path that has no broken escapes. Bytes stay as they are, in whatever language the name is.
+void decode(char* path)
 {
+    (void)uri_decode_opt(path, FRONT_PATH_MAX, 0);
+}
+
+// A path ahead of its decoding, all of it, whatever the forms make of it: 0 if it may be opened, 400, or 403.
+int judge(const char* escaped)
+{
+    char decoded[FRONT_PATH_MAX];
+    (void)snprintf(decoded, sizeof(decoded), "%s", escaped);
+    decode(decoded);
+    const string_view path = decoded;
     // A backslash is no separator here, but what lies between us and the client may take it for one.
     if (std::any_of(path.begin(), path.end(), [](char c) { return is_control(c) || c == '\\'; })) return 400;
     for (size_t at = 0; at <= path.size();) {
@@ -81,19 +99,29 @@ int judge(string_view path)
 // Takes what the forms left of a path.
 int take_path(char* source, struct front_name* name)
 {
-    (void)uri_decode_opt(source, FRONT_PATH_MAX, 0); // no broken escapes; bytes stay, in whatever language the name is
+    decode(source);
     const char* path = source + strspn(source, "/");
     (void)snprintf(name->path, sizeof(name->path), "%s", *path ? path : ".");
-    return judge(name->path);
+    return 0;
 }
 
-// A playlist's query must make sense; what it asks for is up to whoever stores the playlists.
+// A playlist's query must make sense; what it asks for is up to whoever stores the playlists. The library gets it behind
+// a short path of ours: it takes paths of 127 characters, looks for the last question mark instead of the first, and
+// takes a slash at the end for the end of a path.
 bool is_good_playlist(const char* target)
 {
-    if (!strchr(target, '?')) return true;
+    const char* mark = strchr(target, '?');
+    if (!mark) return true;
+    string_view query = mark + 1;
+    const bool has_slash = query.ends_with('/');
+    if (has_slash) query.remove_suffix(1);
+    char escaped[QUERY_LIMIT];
+    if (!copy_escaped(query, '?', "%3F", escaped, sizeof(escaped))) return false;
+    char uri[QUERY_LIMIT + 16];
+    (void)snprintf(uri, sizeof(uri), "/path/name?%s%s", escaped, has_slash ? "%2F" : "");
     char path[URI_PATH_MAX];
     struct hls_uri_info info = {};
-    return uri_m3u_extract(target, path, &info) == URI_HLS;
+    return uri_m3u_extract(uri, path, &info) == URI_HLS;
 }
 
 int name_file(const char* target, char* path, struct front_name* name)
@@ -119,10 +147,12 @@ int front_name_of(const char* target, struct front_name* name)
 {
     name->kind = front_kind::file;
     name->path[0] = '\0';
-    if (*target != '/' && strncasecmp(target, HTTP_SCHEME.data(), HTTP_SCHEME.size()) != 0) return 400;
+    if (*target != '/' && !has_host(target)) return 400;
     char path[FRONT_PATH_MAX];
     if (has_bad_escape(path_of(target))) return 400;
-    if (!copy_path(path_of(target), path, sizeof(path))) return 414;
+    // The decoder takes a plus for a blank, as in a query.
+    if (!copy_escaped(path_of(target), '+', "%2B", path, sizeof(path))) return 414;
+    if (const int status = judge(path)) return status;
 
     if (is_ping_request(path)) {
         name->kind = front_kind::ping;

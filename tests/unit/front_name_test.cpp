@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -120,10 +121,44 @@ TEST(front_name, ping_and_favicon_are_no_files)
 TEST(front_name, what_is_no_path_is_a_bad_request)
 {
     expect_status(400, {"", "a.ts", "*", "ftp://h/x", "?x", "file:///etc/passwd"});
+    expect_status(400, {"http://", "http:///x", "http://?x", "http://:80/x", "http:/x"});
+    expect_status(400, {"/%0a/hls-m3u/ch/live.m3u8", "/a\\b/hls-m3u/ch/live.m3u8", "/%7f/udp/239.1.1.1:5000/"});
     expect_status(400, {"/%", "/%2", "/%zz", "/a%2", "/%2g", "/a%00", "/%00/b.ts", "/a%00.ts"});
     expect_status(400, {"/a\\b", "/..\\..\\x", "/%5c", "/..%5c..%5cx", "/a%0d%0ab", "/a%7f", "/a%1b[m"});
     expect_status(400, {"/hls-m3u/ch/playlist_dvr_range-0-now.m3u8", "/hls-m3u/ch/index-x.m3u8"});
-    expect_status(400, {"/hls-m3u/ch/live.m3u8?x", "/hls-m3u/ch/live.m3u8?utime=x", "/hls-m3u/ch/live.m3u8?a=1&a=2"});
+}
+
+TEST(front_name, a_playlists_query_must_make_sense)
+{
+    const std::string list = "/hls-m3u/ch/live.m3u8";
+    for (const char* query : {"", "vod=1", "utime=5", "utime=0&duration=now", "a=", "a=/", "a=b/", "a=b?", "a=@",
+                              "a=b@c", "a=http://h/x", "a=%3f&b=%2f"}) {
+        expect_path(list + "?" + query, front_kind::playlist, "ch/live.m3u8");
+        expect_path("http://h" + list + "?" + query, front_kind::playlist, "ch/live.m3u8");
+    }
+    for (const char* query : {"x", "vod", "&", "utime=", "utime=x", "utime=x/", "utime=x?duration=5", "utime=x@h/x",
+                              "duration=x", "a=1&a=2", "utime=%2", "utime=%zz"}) {
+        expect_status(400, {list + "?" + query, "http://h" + list + "?" + query});
+    }
+}
+
+TEST(front_name, a_playlists_query_may_follow_a_long_path)
+{
+    const std::string path(FRONT_PATH_MAX - strlen("/hls-m3u/") - 1, 'a');
+    expect_path("/hls-m3u/" + path + "?utime=5", front_kind::playlist, path);
+    expect_status(400, {"/hls-m3u/" + path + "?utime=x"});
+}
+
+TEST(front_name, a_playlists_query_may_be_as_long_as_the_library_reads)
+{
+    const std::string list = "/hls-m3u/ch/live.m3u8?";
+    std::string query;
+    for (int i = 0; i < 8; ++i)
+        query += "p" + std::to_string(i) + "=" + std::string(27, 'x') + "&"; // 31 each
+    EXPECT_EQ(name_of(list + query + "q=3456").status, 0);                   // 254
+    EXPECT_EQ(name_of(list + query + "q=34567").status, 400);
+    EXPECT_EQ(name_of(list + query + query).status, 400);
+    EXPECT_EQ(name_of(list + std::string(1900, '?')).status, 400);
 }
 
 TEST(front_name, no_path_leads_upwards)
@@ -131,6 +166,7 @@ TEST(front_name, no_path_leads_upwards)
     expect_status(403, {"/..", "/../x", "/a/..", "/a/../b", "/a/..//b", "//..", "http://h/../x"});
     expect_status(403, {"/%2e%2e/x", "/.%2e/x", "/%2E./x", "/%2e%2e%2fx", "/..%2fx", "/a%2f..%2f..%2fx"});
     expect_status(403, {"/hls-fra/../x", "/hls-fra/%2e%2e/x", "/hls-m3u/../x.m3u8", "/hls-fra/..%2f..%2fx"});
+    expect_status(403, {"/../hls-m3u/ch/x.m3u8", "/a/%2e%2e/hls-m3u/ch/x.m3u8", "/..%2fa/hls-m3u/x.m3u8", "/$c/../x"});
 }
 
 TEST(front_name, live_streams_and_aliases_are_not_stored)
@@ -200,7 +236,7 @@ protected:
     // 0, or the errno.
     int walked(const std::string& path) const
     {
-        const int fd = front_walk(root, path.c_str());
+        const int fd = front_walk(root, path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) return errno;
         close(fd);
         return 0;
@@ -239,6 +275,23 @@ TEST_F(front_file, only_regular_files_are_served)
     for (const char* path : {"fifo", "sock", "ch", "ch/", "."})
         EXPECT_EQ(opened(path), -403) << path;
     close(sock);
+}
+
+TEST_F(front_file, what_is_no_regular_file_is_not_even_opened)
+{
+    // An open would let a writer of the FIFO go on, and the close kill it.
+    ASSERT_EQ(mkfifo((root_path() + "/fifo").c_str(), 0644), 0);
+    const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(inotify_add_watch(watch, root_path().c_str(), IN_OPEN), 0);
+    const auto has_opened = [&] {
+        alignas(struct inotify_event) char news[1024];
+        return read(watch, news, sizeof(news)) > 0;
+    };
+    EXPECT_EQ(opened("fifo"), -403);
+    EXPECT_FALSE(has_opened());
+    EXPECT_EQ(opened("a.ts"), 5);
+    EXPECT_TRUE(has_opened());
+    close(watch);
 }
 
 TEST_F(front_file, a_file_that_may_not_be_read_is_forbidden)
