@@ -26,7 +26,8 @@
 
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -49,19 +50,22 @@ struct {
 // ---- the loop's callbacks -------------------------------------------------------------------------------------
 // The turn may hold a further event of a connection that ends: so it is marked here, and goes in after_events.
 
-int on_connections(struct rui_socket_ctx* srv)
+int on_listener(struct rui_socket_ctx* srv, int flags)
 {
     if (srv->sockfd < 0) return 0; // stopped by an event ahead of this one
-    const int rc = rui_accept(srv, g_front.cfg.rui.max_accept, RUI_TCP_NODELAY, &g_front.site);
-    // Out of descriptors, or far too many connections: pause, instead of being called again at once.
-    const bool is_full = g_front.site.count >= g_front.site.max + FRONT_REFUSED_MAX;
-    if (is_full || EMFILE == rc || ENFILE == rc) (void)rui_stop_listener(srv); // logged
+    if (flags) rui_crash_on_error(srv, flags & RQS_SOCKHUP);
+    const struct front_site& site = g_front.site;
+    const size_t limit = site.max + FRONT_REFUSED_MAX; // one more might take the descriptor of a file
+    const size_t room = limit - std::min(site.count, limit);
+    const int rc = rui_accept(srv, std::min(g_front.cfg.rui.max_accept, room), RUI_TCP_NODELAY, &g_front.site);
+    // No accept, say for want of descriptors, or far too many connections: pause, instead of being called again at once.
+    if (rc > 0 || site.count >= limit) (void)rui_stop_listener(srv); // logged
     return 0;
 }
 
-int on_read(int, int, void* udata, void*)
+int on_read(int, int flags, void* udata, void*)
 {
-    if (rui_is_listener(udata)) return on_connections(static_cast<struct rui_socket_ctx*>(udata));
+    if (rui_is_listener(udata)) return on_listener(static_cast<struct rui_socket_ctx*>(udata), flags);
     return front_conn_readable(static_cast<struct front_conn*>(udata)) ? rui_pprm_request(udata) : 0;
 }
 
@@ -72,7 +76,7 @@ int on_write(int, int, void* udata, void*)
 
 int on_error(int, int flags, void* udata, void*)
 {
-    if (rui_is_listener(udata)) rui_crash_on_error(static_cast<struct rui_socket_ctx*>(udata), flags & RQS_SOCKHUP);
+    if (rui_is_listener(udata)) return on_listener(static_cast<struct rui_socket_ctx*>(udata), flags);
     return rui_pprm_request(udata);
 }
 
@@ -121,24 +125,31 @@ int serve()
     return rc;
 }
 
+int usage()
+{
+    fputs("usage: front [-v] [-p PORT] DIR | front [-v] -C FILE.conf\n", stderr);
+    return EXIT_USAGE;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     const char* file = nullptr;
-    const char* port = D_PORT;
+    const char* port = nullptr;
     int level = ll::warning;
     for (int c; (c = getopt(argc, argv, "vp:C:")) != -1;) {
         if (c == 'v') level = ll::info;
         if (c == 'p') port = optarg;
         if (c == 'C') file = optarg;
-        if (c == '?') return EXIT_USAGE;
+        if (c == '?') return usage();
     }
-    if (argc - optind != (file ? 0 : 1)) return EXIT_USAGE;
+    if (argc - optind != (file ? 0 : 1) || (file && port)) return usage();
     glog_init("front");
     log_default(&g_log, stderr);
     log_set_modules(&g_log, level);
-    if (handle_quit_signals(on_sigquit) || ignore_sigpipe() || front_load(file, port, argv[optind], &g_front.cfg))
+    if (handle_quit_signals(on_sigquit) || ignore_sigpipe() ||
+        front_load(file, port ? port : D_PORT, argv[optind], &g_front.cfg))
         return EXIT_FAILURE;
     return serve() ? EXIT_FAILURE : EXIT_SUCCESS;
 }

@@ -24,7 +24,9 @@ namespace
 
 using std::string_view;
 
-constexpr size_t BURST = 2 << 20; // bytes of a body until the other connections have their turn
+// A connection's turn, until the others have theirs: bytes of bodies, and how many of them a reply counts at least.
+constexpr size_t BURST = 2 << 20;
+constexpr size_t REPLY_COST = BURST / 16;
 constexpr u_int LINGER_MS = 1000;
 
 void begin_reply(struct front_conn* c, const struct front_answer& a)
@@ -55,13 +57,15 @@ void drop_input(struct front_conn* c, size_t count)
     memmove(c->in, c->in + count, c->in_len);
 }
 
+void drop_blank_lines(struct front_conn* c)
+{
+    if (const size_t len = front_blank_lines({c->in, c->in_len})) drop_input(c, len);
+}
+
 // Answers the next request, if all of its head is there.
 bool take_request(struct front_conn* c)
 {
-    const string_view text(c->in, c->in_len);
-    const size_t blank_lines = std::min(text.find_first_not_of("\r\n"), text.size()); // some clients send one too many
-    if (blank_lines > 0) drop_input(c, blank_lines);
-
+    drop_blank_lines(c);
     const size_t len = static_cast<size_t>(head_eod(c->in, c->in_len));
     if (len > 0) {
         begin_reply(c, front_answer_to({c->in, len}, c->site->root, c->h.trk_tag.sym));
@@ -89,6 +93,9 @@ int go_on(struct front_conn* c)
         if (sent == front_sent::failed) return -1;
         if (sent == front_sent::blocked) return change_state(c, front_state::sending);
         if (c->reply.is_last) return say_goodbye(c);
+        burst -= std::min(burst, REPLY_COST);
+        // There is room to send, so the next turn reports it, and goes on.
+        if (burst == 0 && c->in_len > 0) return change_state(c, front_state::sending);
     } while (take_request(c));
     return change_state(c, front_state::reading);
 }
@@ -146,8 +153,10 @@ int front_conn_readable(struct front_conn* c)
     if (n < 0 && is_eagain(errno)) return 0;
     if (n <= 0) return -1;
     if (c->state == front_state::lingering) return 0;
-    if (c->in_len == 0) c->since = rqs_now();
+    const bool was_idle = c->in_len == 0;
     c->in_len += static_cast<size_t>(n);
+    drop_blank_lines(c);
+    if (was_idle && c->in_len > 0) c->since = rqs_now(); // blank lines alone don't keep a connection
     return go_on(c);
 }
 

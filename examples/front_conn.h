@@ -5,7 +5,7 @@
 // because a close with bytes unread would take the reply away from the peer.
 //
 // Time-outs: a head has to be complete in the given time from its first byte on, a reply has to move within it, an idle
-// connection has to say something. Lingering takes a second at most.
+// connection has to begin a request, for which blank lines don't count. Lingering takes a second at most.
 // Ownership: the listener owns the record; the record owns the file that goes out.
 #ifndef EXAMPLES_FRONT_CONN_H
 #define EXAMPLES_FRONT_CONN_H

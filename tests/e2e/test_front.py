@@ -1,13 +1,17 @@
 """The example service `front` as a process: real clients, bad requests on raw sockets, load, time-outs, its end."""
+import ctypes
 import os
 import re
 import resource
+import shutil
 import signal
 import socket
 import struct
 import subprocess
+import threading
 import time
 from collections import namedtuple
+from contextlib import contextmanager
 
 import pytest
 
@@ -18,6 +22,9 @@ PLAYLIST = b"#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:20\n#EXTINF:15.0,\
 HEAD_MAX = 8192    # bytes of a request's head
 TARGET_MAX = 2047  # of its target
 BIG = 64 << 20     # more than the sockets of a connection hold
+TURN_REPLIES = 16  # of a connection, until the others have their turn
+REFUSED_MAX = 20   # connections above the maximum that are told so
+SYS_PIDFD_GETFD = 438
 
 Reply = namedtuple("Reply", "status headers body head")
 
@@ -46,22 +53,23 @@ class Front:
             with path.open("wb") as out:
                 out.truncate(BIG)
 
-    def start(self, extra="", build=BUILD, limit=None, user='( { alias = "http"; port = PORT; } )'):
+    def start(self, extra="", build=BUILD, limit=None, user='( { alias = "http"; port = PORT; } )', under=()):
         if "user_request_timeout" not in extra:  # long: a busy machine makes slow peers of all
             extra += f" user_request_timeout = {DEADLINE * 1000};"
         config = self.folder / "front.conf"
         config.write_text(f'front: {{ root = "{self.root}"; user: {user.replace("PORT", str(self.port))};'
                           f" max_to_accept = 128; {extra} }};")
-        return self.run("-C", config, build=build, limit=limit)
+        return self.run("-C", config, build=build, limit=limit, under=under)
 
-    def run(self, *args, build=BUILD, limit=None):
+    def run(self, *args, build=BUILD, limit=None, under=()):
         def set_limit():
+            resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
             if limit:
                 resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
 
         self.build = build
-        self.process = subprocess.Popen([build / "example_front", "-v", *args], stderr=self.log_path.open("wb"),
-                                        preexec_fn=set_limit)
+        self.process = subprocess.Popen([*under, build / "example_front", "-v", *args],
+                                        stderr=self.log_path.open("wb"), preexec_fn=set_limit)
         wait_until(lambda: "Entering event loop" in self.log() or self.process.poll() is not None, "the listeners")
         return self
 
@@ -86,6 +94,25 @@ class Front:
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def listener(self):
+        """The listening socket itself, as a descriptor of ours."""
+        number = re.findall(r"STARTED listener fd(\d+) for usr requests", self.log())[-1]
+        libc = ctypes.CDLL(None, use_errno=True)
+        pidfd = os.pidfd_open(self.process.pid)
+        fd = libc.syscall(SYS_PIDFD_GETFD, pidfd, int(number), 0)
+        os.close(pidfd)
+        if fd < 0:
+            pytest.skip(f"no descriptor of another process here: {os.strerror(ctypes.get_errno())}")
+        return socket.socket(fileno=fd)
+
+    @contextmanager
+    def halted(self):
+        """What is sent meanwhile is there at once when the service goes on."""
+        self.process.send_signal(signal.SIGSTOP)
+        wait_until(lambda: self.proc("stat").rpartition(")")[2].split()[0] == "T", "the service to halt")
+        yield
+        self.process.send_signal(signal.SIGCONT)
 
     def memory(self):
         return int(re.search(r"RssAnon:\s+(\d+)", self.proc("status"))[1])
@@ -312,6 +339,33 @@ def test_requests_sent_ahead_wait_for_a_peer_that_reads_late(any_front):
         assert read_reply(sock).body == b"hello\n"
 
 
+def test_thousands_of_requests_in_one_burst_are_all_answered(any_front):
+    count = 3000
+    with any_front.connect() as sock:
+        sender = threading.Thread(target=lambda: (sock.sendall(get("/a.txt") * count), sock.shutdown(socket.SHUT_WR)))
+        sender.start()
+        for _ in range(count):
+            assert read_reply(sock).body == b"hello\n"
+        assert sock.recv(1) == b""
+        sender.join()
+
+
+def test_a_burst_of_requests_does_not_keep_the_others_waiting(any_front):
+    with any_front.connect() as greedy, any_front.connect() as modest:
+        for sock in (greedy, modest):
+            sock.sendall(get("/ping"))
+            assert read_reply(sock).status == 200
+        with any_front.halted():
+            greedy.sendall(get("/a.txt") * 150)
+            modest.sendall(last("/ch/1.ts"))
+        assert read_reply(modest).body == SEGMENT
+        for _ in range(150):
+            assert read_reply(greedy).body == b"hello\n"
+    order = re.findall(r"status 200, file \[(.*?)\]", any_front.log())
+    assert len(order) == 151
+    assert order.index("ch/1.ts") <= TURN_REPLIES
+
+
 def test_blank_lines_ahead_of_a_request_are_ignored(any_front):
     with any_front.connect() as sock:
         sock.sendall(b"\r\n" + get("/a.txt") + b"\r\n\r\n\n" + last("/a.txt"))
@@ -359,6 +413,8 @@ def test_a_request_may_come_byte_by_byte(any_front):
 @pytest.mark.parametrize("request_bytes, status", [
     (b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03\r\n\r\n", 400), (b"GET /a.txt\r\n\r\n", 400),
     (b"GET / HTTP/1.1\r\n\r\n", 400), (get("/a.txt", "Host: other"), 400), (get("/a.txt", "no colon"), 400),
+    (get("/a.txt", "X: a\nY: b"), 400), (get("/a.txt", "X: a\n\nGET /ping HTTP/1.0"), 400),
+    (b"\r" + get("/a.txt"), 400), (b"GET /a.txt HTTP/1.1\r\nHost: a b\r\n\r\n", 400), (last("http:///a.txt"), 400),
     (get("/a.txt", " folded"), 400), (last("a.txt"), 400), (last("*"), 400), (get("/a b"), 400),
     (get("/", version="2.0"), 505), (get("/", version="3"), 400), (last("/", method="G(T"), 400),
     (last("/", method="POST"), 405), (last("/", method="DELETE"), 405), (last("/", method="OPTIONS"), 405),
@@ -370,6 +426,7 @@ def test_a_request_may_come_byte_by_byte(any_front):
     (last("/nope"), 404), (last("/a.txt/"), 404), (last("/ch"), 403), (last("/"), 403), (last("/$alias/x"), 404),
     (last("/udp/239.1.1.1:5000/"), 404), (last("/src/udp/239.1.1.1:5000/dst/f.ts"), 404),
     (last("/hls-m3u/ch/live.m3u8?utime=x"), 400), (last("/hls-m3u/ch/index-x.m3u8"), 400),
+    (last("/x/../hls-m3u/ch/live.m3u8"), 403), (last("/%0a/hls-m3u/ch/live.m3u8"), 400),
 ])
 def test_a_bad_request_gets_its_status_and_the_end_of_the_connection(any_front, request_bytes, status):
     reply = any_front.ask(request_bytes)
@@ -412,7 +469,7 @@ TRAVERSALS = [
     "/hls-m3u/%2e%2e/secret", "/hls-m3u//etc/passwd", "//etc/passwd", "/%2fetc%2fpasswd", "/etc/passwd",
     "http://front/../secret", "http://front/%2e%2e/secret", "http://../secret", "file:///etc/passwd", "http:///etc/passwd",
     "/above", "/absolute", "/up/secret", "/loop", "/magic/secret", "/proc", "/fifo", "/sock", "/ch/", "/...", "/.. /secret",
-    "/;/../secret", "/..;/secret", "/..%01/secret", "/src/file:///etc/passwd/dst/x", "/%e0%80%ae%e0%80%ae/secret",
+    "/../hls-m3u/ch/live.m3u8", "/..%2fhls-m3u/ch/live.m3u8", "/;/../secret", "/..;/secret", "/..%01/secret", "/src/file:///etc/passwd/dst/x", "/%e0%80%ae%e0%80%ae/secret",
 ]
 
 
@@ -582,6 +639,25 @@ def test_a_connection_that_says_nothing_is_closed_without_a_word(front):
         assert used.recv(1) == b""
 
 
+def test_blank_lines_do_not_keep_a_connection(front):
+    front.start("user_request_timeout = 300;")
+    with front.connect() as sock:
+        sock.settimeout(0.02)
+        end = time.monotonic() + 4
+        while time.monotonic() < end:
+            try:
+                sock.sendall(b"\r\n")
+                assert sock.recv(1) == b""
+                break
+            except TimeoutError:
+                pass
+            except ConnectionError:
+                break
+        else:
+            pytest.fail("it is still open")
+    assert "status" not in front.log()
+
+
 def test_a_reply_that_does_not_move_is_given_up(front):
     front.start("user_request_timeout = 300;")
     before = front.descriptors()
@@ -688,6 +764,30 @@ def test_as_many_connections_as_there_are_descriptors_for(front):
         assert take(sock, BIG) == bytes(BIG)
 
 
+def test_a_crowd_that_comes_at_once_takes_nobodys_descriptors(front):
+    front.start(limit=64)  # of which those that are refused must leave the six a file each
+    front.big()
+    with front.halted():
+        socks = [front.connect() for _ in range(60)]
+        for sock in socks[:6]:
+            sock.sendall(get("/big.ts"))
+    for sock in socks[:6]:
+        assert "200 OK" in read_head(sock)
+    for sock in socks[6:6 + REFUSED_MAX]:
+        assert read_reply(sock).status == 503
+    assert "Too many open files" not in front.log()
+    for sock in socks:
+        sock.close()
+
+
+def test_more_connections_than_there_are_descriptors_for_are_not_promised(front):
+    front.start("max_requests = 99999999999L;", limit=64)
+    assert "front: max_requests=99999999999, but 64 descriptors are enough for 6" in front.log()
+    with front.connect() as sock:
+        sock.sendall(last("/a.txt"))
+        assert read_reply(sock).body == b"hello\n"
+
+
 def test_files_that_cannot_be_opened_for_want_of_descriptors_are_unavailable(front):
     front.start()
     with front.connect() as sock:
@@ -716,7 +816,27 @@ def test_a_service_without_descriptors_goes_on_when_it_has_some(front):
     assert front.stop() == 0
 
 
+def test_a_listener_that_accepts_nothing_for_whatever_reason_pauses(front):
+    strace = shutil.which("strace")
+    if not strace:
+        pytest.skip("no strace to let accept fail")
+    front.start(under=[strace, "-Dqo", "/dev/null", "-e", "trace=accept", "-e", "inject=accept:error=ENOBUFS"])
+    with front.connect():
+        wait_until(lambda: front.log().count("STARTED listener") == 2, "the listener to be back")
+    assert front.log().count("ERROR(105)") == 1
+    assert front.stop() == 0
+
+
 # ---- start and end --------------------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("where", ["port = PORT;", 'domain_path = "FOLDER/front.sock";'])
+def test_a_listening_socket_that_fails_ends_the_process(front, where):
+    front.start(user=f'{{ alias = "http"; {where} }}'.replace("FOLDER", str(front.folder)))
+    with front.listener() as listener:
+        listener.shutdown(socket.SHUT_RDWR)
+    assert front.process.wait(DEADLINE) == -signal.SIGABRT
+    assert "rui_crash_on_error: HUP listener[http] ERROR(0): Success" in front.log()
+
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
 @pytest.mark.parametrize("build", builds())
@@ -740,7 +860,10 @@ def test_a_port_and_a_directory_are_enough(front):
     ("max_to_accept = 0;", "Invalid max_accept valie (0)"), ("max_requests = 0;", "max_requests=0"),
     ("max_requests = -1;", "max_requests=-1"), ("user_request_timeout = 0;", "Invalid user_request_tmout valie (0)"),
     ('root = "/nonexistent";', "/nonexistent: No such file"), ('root = "/etc/passwd";', "Not a directory"),
-    ("root = ", "syntax error"), ("admin: { port = 1; };", "needs user listeners"),
+    ("root = ", "syntax error"), ("root = \"\";", "no root"), ("root = 5;", "no root"),
+    ('max_requests = "x";', "max_requests is no number"), ("max_requests = 4.5;", "max_requests is no number"),
+    ("max_requests = -99999999999L;", "max_requests=-99999999999"), ("max_requests = true;", "max_requests is no number"),
+    ("user: { default_af = \"all\"; port = 1; };", "failed to start usr listener"), ("admin: { port = 1; };", "needs user listeners"),
     ("custom: { port = 1; };", "needs user listeners"), ("user: ();", "needs user listeners"),
     ("user: ( { port = 1; }, { protocol = \"udp\"; port = 2; } );", "none of UDP"),
 ])
@@ -757,8 +880,11 @@ def test_a_bad_configuration_ends_it_with_a_word(front, extra, said):
 
 def test_the_command_line_needs_one_of_both(front):
     program = BUILD / "example_front"
-    for args in ([], ["-C"], ["-x", "/tmp"], ["-C", "f", "dir"], ["a", "b"]):
-        assert subprocess.run([program, *args], timeout=DEADLINE, stderr=subprocess.DEVNULL).returncode == 2, args
-    for args in (["-C", "/nonexistent.conf"], ["-p", "0", "/tmp"], ["-p", '";', "/tmp"], ["/nonexistent"]):
+    for args in ([], ["-C"], ["-x", "/tmp"], ["-C", "f", "dir"], ["a", "b"], ["-v"], ["-C", "f", "-p", "1"], ["-p"]):
+        done = subprocess.run([program, *args], timeout=DEADLINE, capture_output=True, text=True)
+        assert done.returncode == 2, args
+        assert "usage: front [-v] [-p PORT] DIR | front [-v] -C FILE.conf\n" in done.stderr, args
+    for args in (["-C", "/nonexistent.conf"], ["-p", "0", "/tmp"], ["-p", '";', "/tmp"], ["/nonexistent"],
+                 ["-p", "65536", "/tmp"], ["-p", "123456", "/tmp"], ["-p", "", "/tmp"], ["-p", "8" * 300, "/tmp"]):
         done = subprocess.run([program, *args], timeout=DEADLINE, capture_output=True, text=True)
         assert done.returncode == 1 and done.stderr, args
