@@ -595,6 +595,9 @@ TEST_F(app_start, alarm_counts_only_while_a_snapshot_waits_for_it)
 
 TEST_F(app_start, handlers_leave_errno_and_an_outer_handler_s_mark_alone)
 {
+    FILE* full = fopen("/dev/full", "w"); // a log that can't be written sets errno on its own
+    setvbuf(full, nullptr, _IONBF, 0);
+    log_default(&g_log, full);
     for (void (*handler)(int) : {exit_on_sig, snapshot_on_sig, catch_alarm}) {
         errno = EINTR;
         g_sigctx = 1;
@@ -603,6 +606,8 @@ TEST_F(app_start, handlers_leave_errno_and_an_outer_handler_s_mark_alone)
         EXPECT_EQ(g_sigctx, 1);
         g_sigctx = 0;
     }
+    log.attach();
+    fclose(full);
 }
 
 // ---- the state's own checks -----------------------------------------------------------------------------------
