@@ -412,6 +412,16 @@ TEST(xtract_ts_payload, leaves_plain_ts_alone)
     EXPECT_EQ(b, before);
 }
 
+TEST(xtract_ts_payload, leaves_the_length_alone_where_there_is_no_rtp)
+{
+    for (bytes b : {tsb::fill(500, 0x47), tsb::fill(500, 1)}) {
+        ssize_t outlen = -7;
+        EXPECT_EQ(xtract_ts_payload(b.data(), b.size(), &outlen, nullptr, 0), 0);
+        EXPECT_EQ(xtract_ts_payload(b.data(), b.size(), &outlen, nullptr, XF_NO_RTP), 0);
+        EXPECT_EQ(outlen, -7);
+    }
+}
+
 TEST(xtract_ts_payload, strips_rtp_in_place)
 {
     bytes b = rtp(packets(7));

@@ -23,6 +23,18 @@ int see(const struct iovec* rec)
     return 0;
 }
 
+// What the ring of a test held each time that a record was shown.
+mmr_t g_shown = nullptr;
+std::vector<size_t> g_held;
+
+int see_payload(const struct iovec*)
+{
+    struct mm_info info;
+    (void)mmr_get_info(g_shown, &info);
+    g_held.push_back(info.pld_size);
+    return 0;
+}
+
 class mmr_capping : public ring_test
 {
 protected:
@@ -275,6 +287,14 @@ TEST_F(mmr_capping, shows_each_record_before_it_goes)
         EXPECT_EQ(g_seen[i].iov_len, 188u);
     }
     EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(mmr_capping, holds_the_records_while_it_shows_them)
+{
+    make_holding(18800);
+    g_shown = ring;
+    EXPECT_EQ(mmr_cap_pp(ring, 18800 - 188 * 3, see_payload), 18800 - 188 * 4);
+    EXPECT_EQ(g_held, std::vector<size_t>(4, 18800));
 }
 
 TEST_F(mmr_capping, shows_the_records_of_all_passes)

@@ -177,6 +177,16 @@ TEST_F(mmr_faults, of_memory_for_the_handle_give_12_before_the_arguments_are_loo
     EXPECT_EQ(mmr_create(nullptr, SIZE), 12);
 }
 
+// The name's number counts the attempts to take a name.
+TEST_F(mmr_faults, of_memory_for_the_handle_take_no_number_and_others_do)
+{
+    const std::string object = next_name();
+    EXPECT_EQ(create_failing({{"calloc", 1}}), 12);
+    EXPECT_EQ(create_failing({{"shm_open", 1}}), 22);
+    EXPECT_TRUE(log.has("shm_open(" + object + ")")) << log.text();
+    EXPECT_NE(next_name(), object);
+}
+
 TEST_F(mmr_faults, of_the_objects_opening_keep_the_handle_and_release_nothing)
 {
     const std::string object = next_name();

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <string>
@@ -456,6 +457,14 @@ TEST(open_domain_client, gives_up_after_its_attempts)
     EXPECT_EQ(log.count("attempt "), 3u);
     EXPECT_EQ(log.messages(ll::error).back(),
               "open_domain_client: failed to connect to [" + path + "] after 3 attempt(s)");
+}
+
+TEST(open_domain_client, makes_no_pause_behind_its_last_attempt)
+{
+    const TempDir dir;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(open_domain_client(dir.file("sock").c_str(), 1, 60000), -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
 }
 
 TEST(open_domain_client, tries_again_until_the_listener_is_there)

@@ -134,6 +134,40 @@ TEST(open_socket, neither_binds_nor_connects_a_udp_writer)
     EXPECT_EQ(local_port(fd.get()), 0);
 }
 
+TEST(open_socket, takes_the_callers_word_for_a_group)
+{
+    LogCapture log;
+    socket_spec spec = spec_of(SOCK_DGRAM);
+    spec.multicast = 1;
+    EXPECT_EQ(open_at("127.0.0.1", "0", &spec), -1); // and the kernel doesn't
+    EXPECT_EQ(spec.multicast, 1u);
+    const Lines errors = log.messages(ll::error);
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_TRUE(errors[0].starts_with("mcast_group_op: setsockopt("));
+    EXPECT_TRUE(errors[1].starts_with("mcast_join: MCAST_JOIN fd="));
+}
+
+TEST(open_socket, notes_the_sender_for_a_writer_too)
+{
+    socket_spec spec = spec_of(SOCK_DGRAM);
+    spec.writer = 1;
+    const Fd fd(open_at("127.0.0.1", "5000", &spec, "10.0.0.1"));
+    ASSERT_GE(fd.get(), 0);
+    EXPECT_TRUE(spec.is_ssm);
+    EXPECT_EQ(text_of(spec.src_ss), "10.0.0.1:111");
+}
+
+TEST(open_socket, leaves_the_place_of_the_interface_alone_when_it_fails)
+{
+    uint16_t port = 0;
+    const Fd silent = bound_socket(AF_INET, SOCK_STREAM, &port);
+    socket_spec spec = spec_of(SOCK_STREAM);
+    ifc_info mine = {};
+    ifc_info* ifc = &mine;
+    EXPECT_EQ(open_socket("127.0.0.1", std::to_string(port).c_str(), nullptr, &spec, nullptr, &ifc), -1);
+    EXPECT_EQ(ifc, &mine);
+}
+
 TEST(open_socket, fails_where_a_udp_address_is_not_local)
 {
     LogCapture log;
@@ -474,6 +508,8 @@ TEST(open_socket_DeathTest, stops_on_a_multicast_listener)
     socket_spec spec = spec_of(SOCK_DGRAM);
     spec.passive = 1;
     EXPECT_DEATH(open_at("239.255.7.7", "5000", &spec), "Assertion");
+    spec.multicast = 1; // or what the caller calls one
+    EXPECT_DEATH(open_at("127.0.0.1", "0", &spec), "Assertion");
 }
 
 // ---- the parts of opening -------------------------------------------------------------------------------------

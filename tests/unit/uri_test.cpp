@@ -108,6 +108,7 @@ TEST(uri_parse, splits_a_url)
     } rows[] = {
         {"udp://10.0.0.1@239.1.1.1:5000/x?y=1", {0, "udp", "10.0.0.1", "239.1.1.1:5000/x", "y=1"}},
         {"file:///srv/a.ts", {0, "file", "-", "/srv/a.ts", "-"}},
+        {"//srv/a.ts", {0, "-", "-", "/srv/a.ts", "-"}}, // one slash is lost, not all of them
         {"file://a.ts", {0, "file", "-", "a.ts", "-"}},
         {" \t tcp://h:1", {0, "tcp", "-", "h:1", "-"}},
         // A text that begins with a slash loses it and has no scheme.

@@ -375,6 +375,35 @@ TEST(usock_open, connects_to_a_bracketed_address)
     EXPECT_EQ(s.uc.sspec.family, AF_INET6);
 }
 
+TEST(usock_open, sets_the_capacity_of_a_buffer_that_it_allocates)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    for (const size_t before : {size_t{5}, size_t{5000}}) {
+        Source s;
+        s.uc.bufcap = before;
+        ASSERT_GE(s.open(loopback_url("tcp", port)), 0);
+        EXPECT_EQ(s.uc.bufcap, 2048u);
+    }
+}
+
+TEST(usock_open, leaves_what_the_caller_says_of_family_and_group)
+{
+    uint16_t port = 0;
+    const Fd listener = listening_socket(AF_INET, &port);
+    LogCapture log;
+    Source six;
+    six.uc.sspec.family = AF_INET6;
+    EXPECT_EQ(six.open(loopback_url("tcp", port)), -1);
+    EXPECT_TRUE(log.contains("open_socket: TCP CLIENT [IPv6 (10)] socket for [127.0.0.1:"));
+    log.clear();
+    Source group;
+    group.uc.sspec.multicast = 1;
+    EXPECT_EQ(group.open("udp://127.0.0.1:0"), -1);
+    ASSERT_FALSE(log.messages(ll::error).empty());
+    EXPECT_TRUE(log.messages(ll::error).back().starts_with("mcast_join: MCAST_JOIN fd="));
+}
+
 TEST(usock_open, keeps_the_callers_buffer_and_empties_it)
 {
     char lent[64];
