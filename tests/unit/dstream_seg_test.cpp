@@ -130,6 +130,18 @@ TEST(ts_has_video_iframe, wants_the_mark_on_the_start_of_a_video_pes_packet)
         pkt().unit_start().pcr(1).random_access().payload(bytes_view(audio).first(160)).build().data()));
 }
 
+TEST(ts_has_video_iframe, sees_a_start_code_in_the_last_four_bytes)
+{
+    for (const size_t start : {183, 184, 185}) {
+        packet p = random_access_packet();
+        p[4] = static_cast<uint8_t>(start - 5);
+        std::fill(p.begin() + 6, p.end(), uint8_t{0xff});
+        const uint8_t code[] = {0, 0, 1, 0xe0};
+        std::copy_n(code, std::min<size_t>(4, 188 - start), p.begin() + static_cast<ptrdiff_t>(start));
+        EXPECT_EQ(ts_has_video_iframe(p.data()), start <= 184) << start;
+    }
+}
+
 off_t find_id(const bytes& b, uint8_t id)
 {
     return pes_find_stream_id(b.data(), b.data() + b.size(), id);
@@ -141,6 +153,11 @@ TEST(pes_find_stream_id, finds_a_start_code)
     EXPECT_EQ(find_id({9, 9, 0, 0, 1, 0xb3, 9}, 0xb3), 2);
     EXPECT_EQ(find_id({0, 0, 0, 0, 1, 0xb3, 9}, 0xb3), 2);
     EXPECT_EQ(find_id({9, 9, 0, 0, 1, 0xb2, 9}, 0xb3), -1);
+    for (size_t i = 0; i < 4; ++i) { // each of the four bytes counts
+        bytes b = {9, 0, 0, 1, 0xb3, 9};
+        b[1 + i] ^= 0x10;
+        EXPECT_EQ(find_id(b, 0xb3), -1) << i;
+    }
 }
 
 // By design: a start code that ends with the data is not found.
@@ -361,7 +378,8 @@ TEST(probe_segment, searches_nothing_in_other_streams)
 {
     LogCapture log;
     sseg_ctx s{1, 1, 77, 1};
-    probe(noise(500), 0, 0, &s);
+    const bytes data = noise(500);
+    EXPECT_EQ(probe_segment(data.data(), data.size(), 0, nullptr, nullptr, &s), STY_RAW.num);
     EXPECT_EQ(s.pat_idx + s.pcr_idx + s.iframe_idx, 0U);
     EXPECT_EQ(s.pcr, 77U);
     EXPECT_EQ(log.count("probe_segment: no processing for [RAW] stream supported"), 1U);
