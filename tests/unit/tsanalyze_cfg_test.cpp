@@ -153,6 +153,24 @@ TEST(tsan_load_config, silent_group_gets_the_defaults)
     EXPECT_FALSE(cfg.no_rlog);
 }
 
+TEST(tsan_load_config, missing_keys_get_their_defaults_over_what_stood_there)
+{
+    tsan_config cfg = {};
+    cfg.access_log_alerts = true;
+    strcpy(cfg.source, "old");
+    cfg.max_skip_pkts = cfg.max_pdts_delta = cfg.max_pcr_delta = cfg.pcr_freq_ms = cfg.dump_stats_period = 77;
+    cfg.max_ndat_pcount = 77;
+    EXPECT_EQ(0, load("enabled = true;", &cfg));
+    EXPECT_FALSE(cfg.access_log_alerts);
+    EXPECT_STREQ("", cfg.source);
+    EXPECT_EQ(9000U, cfg.max_skip_pkts);
+    EXPECT_EQ(500U, cfg.max_pdts_delta);
+    EXPECT_EQ(0U, cfg.max_pcr_delta);
+    EXPECT_EQ(0U, cfg.pcr_freq_ms);
+    EXPECT_EQ(0U, cfg.dump_stats_period);
+    EXPECT_EQ(10000U, cfg.max_ndat_pcount);
+}
+
 TEST(tsan_load_config, every_key_reaches_its_field)
 {
     const tsan_config cfg = loaded("access_log_alerts = true; source_tag = \"chan1\"; max_skipped_pkts = 1;"

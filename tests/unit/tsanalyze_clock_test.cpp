@@ -607,6 +607,29 @@ TEST_F(Clock, disabled_analyzer_takes_stamps_and_measures_nothing_against_them)
     EXPECT_EQ(strings{}, machine());
 }
 
+TEST_F(Clock, disabled_analyzer_still_measures_pcr_against_pcr)
+{
+    a.cfg.is_enabled = false;
+    a.cfg.pcr_freq_ms = 10;
+    begin();
+    a.feed({pcr(90000), pcr(99000)});
+    EXPECT_EQ((strings{"ALERT PCR-FREQ src 101 90000 99000 100 [0:0[4]:(pcr=90000)+1]"}), machine());
+}
+
+TEST_F(Clock, places_of_clocks_and_stamps_follow_a_moved_index)
+{
+    begin();
+    tsan_set_pidx(a.ctx(), 1000);
+    a.feed({pcr(90000), dts(AUDIO, 900, 800)});
+    EXPECT_EQ(1001U, pg().pcr_pktnum);
+    EXPECT_EQ(1002U, stm(1).pts_pktnum);
+    EXPECT_EQ(1002U, stm(1).dts_pktnum);
+    // A repeated stamp is seen anew.
+    a.feed(dts(AUDIO, 900, 800));
+    EXPECT_EQ(1003U, stm(1).pts_pktnum);
+    EXPECT_EQ(1003U, stm(1).dts_pktnum);
+}
+
 TEST_F(Clock, programs_have_clocks_of_their_own)
 {
     a.cfg.pcr_freq_ms = 100;

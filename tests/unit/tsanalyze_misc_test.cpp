@@ -200,6 +200,15 @@ TEST(text_buffer, opens_empty_and_zeroed)
     EXPECT_EQ(std::string(64, '\0'), std::string(b.buf, 64));
 }
 
+TEST(text_buffer, opens_empty_whatever_the_record_held)
+{
+    ctxt_spec s = {.buf = nullptr, .buflen = 7, .textlen = 5};
+    EXPECT_EQ(0, open_ctxt(&s, 64));
+    EXPECT_EQ(64, s.buflen);
+    EXPECT_EQ(0, s.textlen);
+    close_ctxt(&s);
+}
+
 #ifndef __SANITIZE_ADDRESS__ // it ends the process over a size like this
 TEST(text_buffer, without_memory_stays_closed)
 {
@@ -325,6 +334,9 @@ TEST(text_buffer, closed_one_equals_what_is_as_long)
     EXPECT_EQ(0, cmp_ctxt(&closed, &closed));
     add_ctxt_line(&a, "one");
     EXPECT_EQ(1, cmp_ctxt(&closed, &a));
+    const ctxt_spec without_buf = {.buf = nullptr, .buflen = 0, .textlen = 4};
+    EXPECT_EQ(0, cmp_ctxt(&a, &without_buf));
+    EXPECT_EQ(0, cmp_ctxt(&without_buf, &a));
 }
 
 TEST(text_buffer, dump_shows_title_and_text)

@@ -209,6 +209,46 @@ TEST_F(PAT, later_table_of_two_sections_is_compared_when_both_have_arrived)
     EXPECT_EQ(a->new_pat, nullptr);
 }
 
+// A table of one section is whole at once, and ends what was being gathered.
+TEST_F(PAT, whole_table_puts_an_end_to_a_half_gathered_one)
+{
+    const bytes first = pat({{1, 100}});
+    a.feed_pat(first);
+    a.feed_pat(first);
+    a.feed_pat(pat({{2, 200}}).version(1).number(1, 1));
+    a.feed_pat(first);
+    EXPECT_EQ(a->new_pat, nullptr);
+    a.feed_pat(pat({{1, 100}}).version(1).number(0, 1));
+    EXPECT_EQ(list(), pids{100});
+    EXPECT_EQ(a->gac.pat_diff, 0u);
+}
+
+TEST_F(PAT, last_section_of_an_unchanged_table_is_no_table_by_itself)
+{
+    const bytes s0 = pat({{1, 100}}).number(0, 1), s1 = pat({{2, 200}}).number(1, 1);
+    for (const bytes& s : {s0, s1, s0, s1})
+        a.feed_pat(s);
+    a.quiet();
+    a.feed_pat(s1);
+    EXPECT_EQ(no_ptr(a.log.messages()), strings{"another_PAT: (PTR) not all sections gathered yet at PAT[5]"});
+    a.feed_pat(s0);
+    EXPECT_EQ(a->new_pat, nullptr);
+}
+
+// What was found unchanged once is looked at again when the list has changed since.
+TEST_F(PAT, table_that_changed_nothing_may_change_the_list_later)
+{
+    const bytes bumped = pat({{1, 100}}).version(1);
+    a.feed_pat(pat({{1, 100}}));
+    a.feed_pat(bumped);
+    a.feed_pat(pat({{2, 200}}).version(2));
+    EXPECT_EQ(list(), pids{200});
+    a.quiet();
+    a.feed_pat(bumped);
+    EXPECT_EQ(list(), pids{100});
+    EXPECT_EQ(a.alerts.messages(), strings{"ALERT PAT-DIFF src 0 1 1 1 PAT[4]"});
+}
+
 TEST_F(PAT, half_gathered_table_is_freed_with_the_context)
 {
     a.feed_pat(pat({{1, 100}}));
@@ -268,8 +308,12 @@ TEST_F(PAT, change_arms_the_silent_track_check_again)
     a->pg[0].stat.pcount = 7;
     a.feed_pat(pat({{1, 100}}).version(1));
     EXPECT_EQ(a->ndat_pcount, 0u);
+    a.quiet();
     a.feed_pat(pat({{1, 100}, {2, 200}}).version(2));
     EXPECT_EQ(a->ndat_pcount, 57u);
+    EXPECT_EQ(no_ptr(a.log.messages()), (strings{"[src] pid200 ADDED in new PAT",
+                                                 "ALERT PAT-DIFF [src] PMTs added/deleted: 1/0 progs=2 at PAT[3]",
+                                                 "reset_ndat_pcount: (PTR) NDAT pcount=57"}));
 }
 
 // By design the first table stays the base of every comparison: a return to it is not seen.
@@ -343,6 +387,27 @@ TEST_F(PAT, pid_listed_twice_in_a_later_table_stands_twice)
     EXPECT_EQ(list(), (pids{100, 100}));
     EXPECT_EQ(a->gac.pat_diff, 1u);
     expect_valid();
+}
+
+TEST_F(PAT, new_pid_listed_twice_is_added_twice)
+{
+    a.feed_pat(pat({{1, 100}}));
+    a.quiet();
+    a.feed_pat(pat({{1, 100}, {2, 200}, {3, 200}}).version(1));
+    EXPECT_EQ(list(), (pids{100, 200, 200}));
+    EXPECT_EQ(a.alerts.messages(), strings{"ALERT PAT-DIFF src 0 3 2 0 PAT[2]"});
+    expect_valid();
+}
+
+TEST_F(PAT, pid_that_was_dropped_is_new_when_it_comes_back)
+{
+    a.feed_pat(pat({{1, 100}, {2, 200}, {3, 300}}));
+    a.feed_pat(pat({{1, 100}}).version(1));
+    EXPECT_EQ(list(), pids{100});
+    a.quiet();
+    a.feed_pat(pat({{1, 100}, {4, 400}, {5, 500}, {3, 300}}).version(2));
+    EXPECT_EQ(list(), (pids{100, 400, 500, 300}));
+    EXPECT_EQ(a.alerts.messages(), strings{"ALERT PAT-DIFF src 0 4 3 0 PAT[3]"});
 }
 
 // A 0 in the list ends it for the packets: programs behind it are out of reach.
@@ -510,6 +575,16 @@ TEST_F(PAT, section_of_any_claimed_length_keeps_the_record_valid)
         EXPECT_LE(b->nprogs, MAX_PMTS - 1) << len;
         const char* why = "";
         EXPECT_TRUE(tsan_int::tsan_validate(b.ctx(), &why)) << why << " at length " << len;
+    }
+}
+
+TEST_F(PAT, section_that_ends_with_its_packet_is_whole)
+{
+    const bytes s = pat({{1, 100}, {2, 200}});
+    for (size_t behind = 0; behind < 9; ++behind) {
+        Analyzer b;
+        b.feed(pkt().pid(0).payload(cat({s, fill(behind, 0xff)})));
+        EXPECT_EQ((pids{b->pmt_pid, b->pmt_pid + b->nprogs}), (pids{100, 200})) << behind;
     }
 }
 

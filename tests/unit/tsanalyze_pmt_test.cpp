@@ -229,6 +229,9 @@ TEST_F(PMT, trace_line_comes_with_each_comparison)
         a.feed_pmt(pmt(1, 101, {{ES_AVC, 101}, {ES_UNTRACKED, 9}}));
     EXPECT_EQ(a.log.messages(), strings(3, "cmp_PMT: ok pid=100 1/2"));
     a.quiet();
+    a.feed_pmt(pmt(1, 101, {{ES_AVC, 101}, {ES_UNTRACKED, 9}}).bad_crc());
+    EXPECT_EQ(a.log.messages(), strings{"cmp_PMT: ok pid=100 1/2"});
+    a.quiet();
     a.feed_pmt(pmt(1, 101, {{ES_AVC, 101}}).version(1));
     EXPECT_EQ(with(info(), "cmp_PMT"), strings{"cmp_PMT: MISMATCH pid=100 1/1"});
 }
@@ -294,8 +297,14 @@ TEST_F(PMT, change_arms_the_silent_track_check_again)
     pg().stat.pcount = 7;
     a.feed_pmt(av_pmt(0));
     EXPECT_EQ(a->ndat_pcount, 0u);
+    a.quiet();
     a.feed_pmt(av_pmt(1));
     EXPECT_EQ(a->ndat_pcount, 57u);
+    const strings lines = no_ptr(a.log.messages());
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "ALERT PMT-DIFF [src] track-count: 2/2 pid=100 pcr-pid=101 at 0:M[4]");
+    EXPECT_EQ(lines[1], "reset_ndat_pcount: (PTR) NDAT pcount=57");
+    EXPECT_EQ(lines[2], "Adding streams from PMT (pid100) at 0:M[4]");
 }
 
 TEST_F(PMT, descriptor_change_is_a_change)

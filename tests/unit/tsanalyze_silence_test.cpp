@@ -163,6 +163,39 @@ TEST_F(Silence, changed_pat_arms_the_check_from_the_largest_count)
     EXPECT_EQ(15U, a->ndat_pcount);
 }
 
+TEST_F(Silence, changed_pat_ahead_of_any_track_arms_the_check_at_the_limit)
+{
+    a.cfg.max_ndat_pcount = 10;
+    a.feed_pat(pat({{1, 100}}));
+    a->ndat_pcount = 0;
+    a.feed_pat(pat({{1, 100}, {2, 200}}).version(1));
+    EXPECT_EQ(10U, a->ndat_pcount);
+}
+
+TEST_F(Silence, changed_pat_does_not_count_from_a_slot_out_of_use)
+{
+    a.cfg.max_ndat_pcount = 10;
+    a.feed_pat(pat({{1, 100}, {2, 200}}));
+    a.feed_pmt(pmt(1, VIDEO, {{ES_AVC, VIDEO}}));
+    a.feed_pmt(pmt(2, 201, {{ES_AVC, 201}}), 200);
+    feed_n(VIDEO, 3);
+    feed_n(201, 5);
+    a.feed_pat(pat({{1, 100}}).version(1));
+    EXPECT_EQ(13U, a->ndat_pcount);
+}
+
+TEST_F(Silence, next_threshold_is_told_behind_the_summary)
+{
+    begin();
+    feed_n(VIDEO, 9);
+    a.quiet();
+    a.feed(plain(VIDEO));
+    EXPECT_EQ((strings{"ALERT PID-NDAT [src] 0:1 pid102 received no data 0:0[12]",
+                       "ALERT PID-NDAT [src] 0:2 pid103 received no data 0:0[12]", "[src] 2 tracks NOT receiving data",
+                       "reset_ndat_pcount: (PTR) NDAT pcount=20"}),
+              no_ptr(a.log.messages()));
+}
+
 TEST_F(Silence, limit_of_zero_is_off_for_good)
 {
     begin(0);

@@ -268,6 +268,17 @@ TEST_F(Stats, stream_list_comes_with_the_first_and_every_256th_report)
     }
 }
 
+TEST_F(Stats, program_that_comes_later_counts_its_own_reports)
+{
+    begin();
+    EXPECT_EQ(4U, records("STAT PMT").size());
+    a.feed_pat(pat({{1, 100}, {2, 200}}).version(1));
+    a.feed_pmt(pmt(2, 201, {{ES_AVC, 201}}), 200);
+    EXPECT_EQ((strings{"STAT PMTs src 1 200 1", "STAT PMTi src 1 201 V 0 0 [H.264/14496-10_video_(MPEG-4/AVC)]"}),
+              records("STAT PMT"));
+    EXPECT_EQ(strings{}, records("STAT PMT"));
+}
+
 TEST_F(Stats, report_before_the_pmt_spends_the_stream_list)
 {
     a.feed_pat(pat({{1, 100}}));
@@ -350,6 +361,16 @@ TEST_F(Stats, local_reset_covers_the_aggregates_of_programs_in_use_and_nothing_e
     EXPECT_EQ(1U, pg(1).av_pdts_delta.count) << "slot 1 is not in use";
     EXPECT_EQ(5U, pg().alert.cc_break);
     EXPECT_EQ(3U, pg().stat.pcount);
+}
+
+TEST_F(Stats, local_reset_covers_every_program_in_use)
+{
+    a.feed_pat(pat({{1, 100}, {2, 200}, {3, 300}}));
+    for (size_t i : {0, 1, 2})
+        inc_aval(&pg(i).av_pcr_freq, 3);
+    tsan_reset_local_stats(a.ctx());
+    for (size_t i : {0, 1, 2})
+        EXPECT_EQ(0U, pg(i).av_pcr_freq.count) << i;
 }
 
 TEST_F(Stats, reports_alone_reset_nothing)

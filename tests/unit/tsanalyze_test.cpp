@@ -187,6 +187,18 @@ TEST_F(Tsan, disabled_analyzer_counts_and_checks_nothing)
     EXPECT_EQ(pg().stm[0].cc.value, -1);
 }
 
+// The switch is asked behind the tables, the clocks' intake and the counts: these go on, and so does the look for silent
+// tracks.
+TEST_F(Tsan, disabled_analyzer_answers_0_and_still_finds_silent_tracks)
+{
+    a.cfg.is_enabled = false;
+    a.cfg.max_ndat_pcount = 3;
+    a.one_program();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(a.feed(pkt().pid(101)), 0) << i;
+    EXPECT_EQ(a.alerts.messages(), strings{"ALERT PID-NDAT src 102 0 1 0:0[5]"});
+}
+
 TEST_F(Tsan, silent_track_check_runs_when_the_threshold_is_reached)
 {
     a.cfg.max_ndat_pcount = 3;
@@ -284,6 +296,15 @@ TEST_F(Tsan, table_packets_are_traced)
     EXPECT_EQ(with(info(), "found"), (strings{"[src] found PAT at PAT[1]", "[src] found PMT (pid100) at 0:M[2]"}));
 }
 
+TEST_F(Tsan, table_packets_without_payload_are_traced_as_well)
+{
+    a.one_program();
+    a->cfg.trk.pat_pmt_pkt = true;
+    a.quiet();
+    a.feed({pkt().pid(0).no_payload(), pkt().pid(100).no_payload()});
+    EXPECT_EQ(info(), (strings{"[src] found PAT at PAT[3]", "[src] found PMT (pid100) at 0:M[4]"}));
+}
+
 TEST_F(Tsan, pcr_is_taken_from_the_programs_own_pcr_pid_only)
 {
     two_programs();
@@ -293,6 +314,17 @@ TEST_F(Tsan, pcr_is_taken_from_the_programs_own_pcr_pid_only)
     EXPECT_TRUE(pg().got_pcr);
     EXPECT_EQ(pg().last_pcr, 90000u);
     EXPECT_FALSE(pg(1).got_pcr);
+}
+
+TEST_F(Tsan, packet_with_pcr_and_pes_head_gives_its_pcr_first)
+{
+    a.cfg.trk.pcr_update = a.cfg.trk.pdts_update = true;
+    a.one_program();
+    a.quiet();
+    a.feed(pkt().pid(101).pcr(90000).unit_start().payload(bytes(pes(0xe0).pts(90000).payload(20))));
+    EXPECT_EQ(info(), (strings{"[src] new PCR=90000 [00:00:01.000] at 0:0[3]",
+                               "update_pts_dts: [src] PTS=90000 [00:00:01.000] pid=101 at 0:0[3]",
+                               "analyze_pkt: 2 skipped before analysis"}));
 }
 
 TEST_F(Tsan, packet_with_pcr_is_read_as_pes_as_well)
@@ -372,6 +404,24 @@ TEST(TsanTrace, options_change_nothing_but_the_lines)
 
 // ---- the skip phase -------------------------------------------------------------------------------------------
 
+// A level that is set for the application's module alone opens every line of the analyzer.
+TEST_F(Tsan, lines_of_every_theme_are_of_module_0)
+{
+    log_set_modules(&g_log, ll::panic);
+    g_mod_ll[0] = ll::debug;
+    a.cfg.cc_track = true;
+    a.cfg.max_ndat_pcount = 2;
+    a.cfg.pcr_freq_ms = 10;
+    EXPECT_EQ(0, tsan_cli_opt("on", &a.cfg));
+    a.one_program();
+    a.feed({pkt().pid(101).pcr(90000).cc(1), pkt().pid(101).pcr(99000).cc(7)});
+    ctxt_spec closed = {};
+    add_ctxt_line(&closed, "x");
+    for (const char* part : {"tsan_init: ", "tsan_cli_opt: ", "process_PAT: ", "add_stream: ", "ALERT PCR-FREQ ",
+                             "ALERT CC-BRK ", "ALERT PID-NDAT ", "PMT buffer may overflow"})
+        EXPECT_TRUE(a.log.contains(part)) << part;
+}
+
 TEST_F(Tsan, stream_without_tables_is_complained_of_from_the_limit_on)
 {
     fake_clock::set(100000);
@@ -389,6 +439,18 @@ TEST_F(Tsan, stream_without_tables_is_complained_of_from_the_limit_on)
     EXPECT_EQ(a.feed(null_pkt()), -16);
     EXPECT_EQ(a.log.messages(ll::error)[1], "[src] has been idling for too long (7/5 packets)");
     fake_clock::release();
+}
+
+TEST_F(Tsan, skip_phase_is_measured_by_the_index_and_not_by_the_total)
+{
+    a.cfg.max_skip_pkts = 5;
+    EXPECT_EQ(a.feed(null_pkt()), 0);
+    tsan_set_pidx(a.ctx(), 4);
+    EXPECT_EQ(a.feed(null_pkt()), -16);
+    tsan_set_pidx(a.ctx(), 0);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(a.feed(null_pkt()), 0) << i;
+    EXPECT_EQ(a->ptotal, 6u);
 }
 
 TEST_F(Tsan, limit_of_0_refuses_the_very_first_packet)
