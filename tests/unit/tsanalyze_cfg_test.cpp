@@ -30,8 +30,10 @@ int load(const std::string& group, tsan_config* cfg)
 
 tsan_config loaded(const std::string& group)
 {
+    LogCapture log;
     tsan_config cfg = {};
     EXPECT_EQ(0, load("enabled = true; " + group, &cfg));
+    EXPECT_EQ(lines_t{}, log.messages());
     return cfg;
 }
 
@@ -374,11 +376,12 @@ TEST(tsan_cli_opt, every_key_reaches_its_field)
     EXPECT_EQ(1U, log.count("tsan_cli_opt: pcr_freq=4 OK"));
 }
 
-TEST(tsan_cli_opt, continuity_is_switched_off_by_zero)
+TEST(tsan_cli_opt, continuity_is_switched_on_by_one_and_off_by_zero)
 {
     LogCapture log;
     tsan_config cfg = {};
-    cfg.cc_track = true;
+    EXPECT_EQ(0, tsan_cli_opt("cc_track=1", &cfg));
+    EXPECT_TRUE(cfg.cc_track);
     EXPECT_EQ(0, tsan_cli_opt("cc_track=0", &cfg));
     EXPECT_FALSE(cfg.cc_track);
 }

@@ -171,7 +171,8 @@ TEST_F(PMT, stream_beyond_64_is_refused)
     begin(av_pmt());
     pg().nstreams = MAX_NSTREAMS - 1;
     a.quiet();
-    bytes s = pmt(1, 101, {{ES_AVC, 201}, {ES_AVC, 202}, {ES_AVC, 203}});
+    // An untracked one is passed over first, room or no room.
+    bytes s = pmt(1, 101, {{ES_AVC, 201}, {ES_AVC, 202}, {ES_UNTRACKED, 9}, {ES_AVC, 203}});
     s.resize(4096);
     a->dat.program = &pg();
     tsan_int::process_PMT(a.tc, s.data(), 100);
@@ -195,6 +196,10 @@ TEST_F(PMT, no_more_than_64_entries_are_walked)
     tsan_int::process_PMT(a.tc, s.data(), 100);
     EXPECT_EQ(pg().nstreams, 63u);
     EXPECT_EQ(a.log.messages(ll::error), strings{});
+    // A comparison counts no more of them.
+    a.quiet();
+    EXPECT_NE(tsan_int::cmp_PMT(a.tc, s.data(), 100, {}), 0);
+    EXPECT_EQ(a.alerts.messages(), strings{"ALERT PMT-DIFF src 100 63 64 101 0:M[2]"});
 }
 
 TEST_F(PMT, trace_shows_the_text_in_use)
@@ -430,6 +435,14 @@ TEST_F(PMT, change_to_no_tracked_stream_empties_the_table)
     expect_valid();
 }
 
+TEST_F(PMT, change_to_no_entry_at_all_counts_none)
+{
+    begin(av_pmt(0));
+    a.feed_pmt(pmt(1, 101, {}).version(1));
+    EXPECT_EQ(a.alerts.messages(), strings{"ALERT PMT-DIFF src 100 2 0 101 0:M[3]"});
+    EXPECT_EQ(pg().nstreams, 0u);
+}
+
 TEST_F(PMT, slot_of_another_program_raises_one_difference_and_equal_pids_keep_their_data)
 {
     a.feed_pat(pat({{1, 100}, {2, 200}}));
@@ -478,6 +491,15 @@ TEST_F(PMT, texts_that_differ_only_behind_the_cut_compare_as_equal)
     a.feed_pmt(wordy_pmt(5, 1));
     EXPECT_EQ(pg().alert.pmt_diff, 1u);
     a.feed_pmt(wordy_pmt(5, 2));
+    EXPECT_EQ(pg().alert.pmt_diff, 2u);
+}
+
+TEST_F(PMT, change_to_an_overflowing_text_and_back_is_two_changes)
+{
+    begin(av_pmt());
+    a.feed_pmt(wordy_pmt(30, 1));
+    EXPECT_EQ(pg().alert.pmt_diff, 1u);
+    a.feed_pmt(av_pmt());
     EXPECT_EQ(pg().alert.pmt_diff, 2u);
 }
 
