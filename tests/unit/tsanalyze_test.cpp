@@ -543,14 +543,21 @@ TEST_F(Tsan, validate_objects_to_each_broken_rule)
     breaks(a->pid_map[101].istm, 1);
     breaks(a->pid_map[101].ipg, -1);
     breaks(a->pid_map[500].ipg, 0);
+    for (unsigned pid : {100, 101, 102}) // forgotten altogether: a PMT PID, the first and the last stream
+        breaks(a->pid_map[pid], pid_slot{.ipg = -1, .istm = -1});
     breaks(a->atotal, 1000);
     breaks(pg().nstreams, MAX_NSTREAMS + 1);
     breaks(pg().nstreams, 1);
     breaks(pg().stm[0].stype, '?');
     breaks(pg().stm[0].pid, 8192);
     breaks(pg().stm[0].cc.value, 16);
+    breaks(pg().stm[0].cc.value, -2);
+    pg().stm[0].cc.value = 15;
+    expect_valid();
     breaks(pg().pcr_idx, 64);
+    breaks(pg().pcr_idx, -2);
     breaks(pg().ref_idx, -2);
+    breaks(pg().ref_idx, 64);
     breaks(pg().pcr_pid, 8192);
     breaks(pg().txt_pmt.buf, nullptr);
     breaks(pg().txt_pmt.textlen, 5000);
