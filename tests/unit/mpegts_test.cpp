@@ -310,6 +310,8 @@ TEST(find_pcr, never_looks_at_the_first_packet_from_the_back)
     EXPECT_EQ(find_last_pcr(chars(one), one.size(), 188, &pcr), -1);
     const bytes two = cat(std::vector<packet>{pkt().pcr(100), pkt()});
     EXPECT_EQ(find_last_pcr(chars(two), two.size(), 188, &pcr), -1);
+    const bytes shifted = tsb::cat({bytes{0}, one});
+    EXPECT_EQ(find_last_pcr(chars(shifted), shifted.size(), 188, &pcr), 0); // a byte behind the start is enough
 }
 
 TEST(find_pcr, takes_a_cut_off_packet_as_far_as_its_bytes_are_there)

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,49 @@ Lines calls_of(F&& f)
 
 ifaddrs* g_list = nullptr; // stands for the host's interfaces where it is set
 
+sockaddr_storage address(const char* text)
+{
+    sockaddr_storage ss = {};
+    auto* in = reinterpret_cast<sockaddr_in*>(&ss);
+    auto* in6 = reinterpret_cast<sockaddr_in6*>(&ss);
+    if (inet_pton(AF_INET, text, &in->sin_addr) == 1) {
+        in->sin_family = AF_INET;
+    } else {
+        EXPECT_EQ(inet_pton(AF_INET6, text, &in6->sin6_addr), 1) << text;
+        in6->sin6_family = AF_INET6;
+    }
+    return ss;
+}
+
+using Rows = std::vector<std::pair<std::string, const char*>>;
+
+// Interface names with an address each, as the host's list; a null text is an entry without an address.
+struct IfcList {
+    struct entry {
+        std::string name;
+        sockaddr_storage ss = {};
+        ifaddrs link = {};
+    };
+    explicit IfcList(const Rows& rows) : entries(rows.size())
+    {
+        for (size_t i = 0; i < rows.size(); ++i) {
+            entry& e = entries[i];
+            e.name = rows[i].first;
+            e.link.ifa_name = e.name.data();
+            e.link.ifa_next = i + 1 < rows.size() ? &entries[i + 1].link : nullptr;
+            if (!rows[i].second) continue;
+            e.ss = address(rows[i].second);
+            e.link.ifa_addr = reinterpret_cast<sockaddr*>(&e.ss);
+        }
+        g_list = &entries[0].link;
+    }
+    IfcList(const IfcList&) = delete;
+    IfcList& operator=(const IfcList&) = delete;
+    ~IfcList() { g_list = nullptr; }
+
+    std::vector<entry> entries;
+};
+
 } // namespace
 
 extern "C" {
@@ -126,6 +170,11 @@ int __wrap_close(int fd)
 {
     note("close");
     return __real_close(fd);
+}
+int __wrap_nanosleep(const timespec* span, timespec*)
+{
+    note("sleep " + std::to_string(span->tv_sec) + " s " + std::to_string(span->tv_nsec) + " ns");
+    return 0;
 }
 int __real_getifaddrs(ifaddrs** list);
 int __wrap_getifaddrs(ifaddrs** list)
@@ -219,6 +268,41 @@ TEST(calls, of_listeners_end_with_listening)
         EXPECT_TRUE(Fd(fd).get() >= 0);
 }
 
+TEST(calls, of_listeners_that_fail_leave_nothing_open)
+{
+    sockaddr_storage ss = {};
+    ss.ss_family = AF_INET;
+    reinterpret_cast<sockaddr_in*>(&ss)->sin_addr.s_addr = inet_addr("198.51.100.1");
+    EXPECT_EQ(calls_of([&] { EXPECT_EQ(open_udp_listener(&ss, "5000"), -1); }),
+              (Lines{"socket", "SO_REUSEADDR", "SO_REUSEPORT", "bind", "close"}));
+    ss.ss_family = AF_MAX; // there are no such sockets
+    EXPECT_EQ(calls_of([&] { EXPECT_EQ(open_listener(&ss, "5000", 0), -1); }), (Lines{"socket"}));
+    EXPECT_EQ(calls_of([&] { EXPECT_EQ(open_domain_listener("/no/such/place"), -1); }),
+              (Lines{"socket", "F_SETFL", "unlink", "bind", "close"}));
+}
+
+TEST(calls, of_a_domain_client_pause_between_its_attempts)
+{
+    const prk::temp_dir dir;
+    const std::string path = dir.path() + "/sock";
+    EXPECT_EQ(calls_of([&] { EXPECT_EQ(open_domain_client(path.c_str(), 3, 1500), -1); }),
+              (Lines{"socket", "connect", "sleep 1 s 500000000 ns", "connect", "sleep 1 s 500000000 ns", "connect",
+                     "close"}));
+    EXPECT_EQ(calls_of([&] { EXPECT_EQ(open_domain_client(path.c_str(), 2, 0), -1); }),
+              (Lines{"socket", "connect", "connect", "close"}));
+    EXPECT_EQ(calls_of([&] { EXPECT_EQ(open_domain_client(path.c_str(), 0, 1500), -1); }), (Lines{"socket", "close"}));
+}
+
+TEST(calls, of_lookups_close_the_socket_that_proves_a_family)
+{
+    const IfcList none(Rows{{"lo", nullptr}}); // the host's own list is asked for through a socket
+    EXPECT_EQ(calls_of([] { EXPECT_EQ(ifaddr_index("198.51.100.1", nullptr), 0u); }), (Lines{"socket", "close"}));
+    sockaddr_storage ss = {};
+    socklen_t len = 0;
+    EXPECT_EQ(calls_of([&] { EXPECT_EQ(mk_sockaddr("10.0.0.1:1", SOCK_DGRAM, 0, &ss, &len), 0); }),
+              (Lines{"socket", "close"}));
+}
+
 TEST(calls, of_an_ipv6_listener_open_it_to_ipv4_ahead_of_the_bind)
 {
     if (!has_ipv6()) GTEST_SKIP() << "no IPv6 loopback";
@@ -241,49 +325,6 @@ TEST(calls, of_an_ipv6_listener_open_it_to_ipv4_ahead_of_the_bind)
 
 namespace
 {
-
-sockaddr_storage address(const char* text)
-{
-    sockaddr_storage ss = {};
-    auto* in = reinterpret_cast<sockaddr_in*>(&ss);
-    auto* in6 = reinterpret_cast<sockaddr_in6*>(&ss);
-    if (inet_pton(AF_INET, text, &in->sin_addr) == 1) {
-        in->sin_family = AF_INET;
-    } else {
-        EXPECT_EQ(inet_pton(AF_INET6, text, &in6->sin6_addr), 1) << text;
-        in6->sin6_family = AF_INET6;
-    }
-    return ss;
-}
-
-using Rows = std::vector<std::pair<std::string, const char*>>;
-
-// Interface names with an address each, as the host's list; a null text is an entry without an address.
-struct IfcList {
-    struct entry {
-        std::string name;
-        sockaddr_storage ss = {};
-        ifaddrs link = {};
-    };
-    explicit IfcList(const Rows& rows) : entries(rows.size())
-    {
-        for (size_t i = 0; i < rows.size(); ++i) {
-            entry& e = entries[i];
-            e.name = rows[i].first;
-            e.link.ifa_name = e.name.data();
-            e.link.ifa_next = i + 1 < rows.size() ? &entries[i + 1].link : nullptr;
-            if (!rows[i].second) continue;
-            e.ss = address(rows[i].second);
-            e.link.ifa_addr = reinterpret_cast<sockaddr*>(&e.ss);
-        }
-        g_list = &entries[0].link;
-    }
-    IfcList(const IfcList&) = delete;
-    IfcList& operator=(const IfcList&) = delete;
-    ~IfcList() { g_list = nullptr; }
-
-    std::vector<entry> entries;
-};
 
 template <typename T>
 std::string bytes_of(const T& record)

@@ -75,6 +75,18 @@ TEST(socket_flags, are_read)
     EXPECT_EQ(is_non_blocking(fd.get()), O_NONBLOCK);
 }
 
+TEST(socket_flags, may_be_none)
+{
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(pipe(fds), 0);
+    const Fd in(fds[0]), out(fds[1]);
+    ASSERT_EQ(fcntl(in.get(), F_GETFL), 0);
+    LogCapture log;
+    EXPECT_EQ(get_socket_flags(in.get()), 0);
+    EXPECT_EQ(is_non_blocking(in.get()), 0);
+    EXPECT_EQ(log.messages(), Lines{});
+}
+
 TEST(socket_flags, that_cannot_be_read_are_reported)
 {
     LogCapture log;
@@ -343,7 +355,7 @@ TEST(open_listener, goes_on_with_a_port_that_it_complains_about)
     }
     LogCapture log;
     sockaddr_storage ss = loopback4();
-    const Fd fd(open_listener(&ss, "65535", 1));
+    const Fd highest(open_listener(&ss, "65535", 1)), lowest(open_listener(&ss, "1", 1)); // if we may have them
     EXPECT_EQ(log.count("invalid port number"), 0u);
 }
 

@@ -197,9 +197,17 @@ TEST(uri_get, copies_a_segment_that_fits_and_leaves_the_rest_alone)
 
 TEST(uri_get, gives_an_empty_text_and_null_for_an_absent_segment)
 {
-    const uri_layout lo = {};
+    uri_layout lo = {};
     char buf[8] = "#";
     EXPECT_EQ(uri_get_scheme(&lo, buf, sizeof(buf)), nullptr);
+    EXPECT_STREQ(buf, "");
+    lo.path = "text"; // of no length
+    strcpy(buf, "#");
+    EXPECT_EQ(uri_get_path(&lo, buf, sizeof(buf)), nullptr);
+    EXPECT_STREQ(buf, "");
+    lo.q_len = 4; // of nothing
+    strcpy(buf, "#");
+    EXPECT_EQ(uri_get_query(&lo, buf, sizeof(buf)), nullptr);
     EXPECT_STREQ(buf, "");
 }
 
