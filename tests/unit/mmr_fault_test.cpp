@@ -182,7 +182,10 @@ TEST_F(mmr_faults, of_memory_for_the_handle_take_no_number_and_others_do)
 {
     const std::string object = next_name();
     EXPECT_EQ(create_failing({{"calloc", 1}}), 12);
-    EXPECT_EQ(create_failing({{"shm_open", 1}}), 22);
+    {
+        const handle_is_kept no_leak;
+        EXPECT_EQ(create_failing({{"shm_open", 1}}), 22);
+    }
     EXPECT_TRUE(log.has("shm_open(" + object + ")")) << log.text();
     EXPECT_NE(next_name(), object);
 }
