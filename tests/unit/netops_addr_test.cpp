@@ -329,4 +329,7 @@ TEST(is_ipv6_mc_local, is_a_group_of_interface_or_link_scope)
     }
     auto v4 = in4("224.0.0.1");
     EXPECT_FALSE(is_ipv6_mc_local(sa(v4)));
+    auto other = in6("ff02::1"); // the same bytes in another family
+    other.ss_family = AF_INET;
+    EXPECT_FALSE(is_ipv6_mc_local(sa(other)));
 }
