@@ -181,7 +181,7 @@ void show_progress(struct player* p, bool is_last)
     const auto left = static_cast<uint64_t>(static_cast<double>(left_usec) / p->opt.speed);
     fprintf(stderr, "\r%s of %s  %6.2f Mbit/s  %s left", as_clock(p->stream_usec).text, as_clock(all_usec).text, mbits,
             as_clock(left).text);
-    if (p->count->rounds > 0) fprintf(stderr, "  round %lu", p->count->rounds + 1);
+    if (p->opt.over_and_over && p->count->rounds > 0) fprintf(stderr, "  round %lu", p->count->rounds + 1);
     fprintf(stderr, "\033[K%s", is_last ? "\n" : "");
     (void)fflush(stderr); // a terminal that is gone is no reason to stop
     p->shown_nsec = now;
