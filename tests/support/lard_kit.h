@@ -87,7 +87,7 @@ protected:
         return read_new(lh, &cur);
     }
 
-    const unique_name id;
+    const unique_name id = {};
     lard_t writer = nullptr, reader = nullptr;
     size_t size = 0;
 };
