@@ -93,6 +93,14 @@ bool may_write(const struct lard_ctx* lc, const writing_scope& scope)
     return true;
 }
 
+// The owner's mark. What another process left in that byte need not be a bool, so it is read as the byte that it is.
+bool is_marked_closed(const struct lard_meta* m)
+{
+    unsigned char mark = 0;
+    memcpy(&mark, &m->is_closed, sizeof(mark));
+    return mark != 0;
+}
+
 // Copies n bytes of the ring from a position on.
 void copy_out(const struct lard_view& v, size_t from, char* buf, size_t n)
 {
@@ -203,8 +211,9 @@ bool lard_is_active(lard_t lh, bool* crashed)
     const struct lard_meta* m = lh->meta;
     const pid_t owner = m->owner_pid;
     const bool lives = owner >= 1 && kill(owner, 0) == 0;
-    if (crashed) *crashed = owner >= 1 && !lives && !m->is_closed;
-    return lives && !m->is_closed;
+    const bool closed = is_marked_closed(m); // asked second: an owner that ends in an orderly way marks first
+    if (crashed) *crashed = owner >= 1 && !lives && !closed;
+    return lives && !closed;
 }
 
 int lard_get_ctemp(lard_t lh)
@@ -270,6 +279,6 @@ void lard_dump(const struct lard_ctx* lh, FILE* fp)
             lh->buflen, static_cast<void*>(lh->dbuf.overlay), static_cast<void*>(lh->dbuf.ddz));
     fprintf(fp, "  text: %zu bytes at %zu, written at %ld.%09ld\n", m.pld_len, m.pld_start,
             static_cast<long>(m.write_tm.tv_sec), m.write_tm.tv_nsec);
-    fprintf(fp, "  owner: %ld%s\n", static_cast<long>(m.owner_pid), m.is_closed ? ", closed" : "");
+    fprintf(fp, "  owner: %ld%s\n", static_cast<long>(m.owner_pid), is_marked_closed(&m) ? ", closed" : "");
     fprintf(fp, "  temperature: %d, next reading in slot %zu\n", m.sns.sum, m.sns.idx);
 }

@@ -91,11 +91,13 @@ const char* owner_state(lard_t lh)
     return crashed ? "crashed" : "closed its ring log";
 }
 
+// In floating point throughout: a damaged record may hold any number, and no difference of these runs over.
 double seconds_since(const struct timespec& then)
 {
+    const auto diff = [](long a, long b) { return static_cast<double>(a) - static_cast<double>(b); };
     struct timespec now = {};
     if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) return 0.0;
-    return static_cast<double>(now.tv_sec - then.tv_sec) + static_cast<double>(now.tv_nsec - then.tv_nsec) / 1e9;
+    return diff(now.tv_sec, then.tv_sec) + diff(now.tv_nsec, then.tv_nsec) / 1e9;
 }
 
 int refuse_record(const char* name)

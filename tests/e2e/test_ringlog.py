@@ -265,6 +265,13 @@ def test_damaged_ring_logs_are_told_and_never_read_past_their_end(writer):
                                     "be\n")
 
 
+def test_a_time_of_writing_that_can_not_be_is_shown_as_what_it_says(writer):
+    w = writer().tell("puts one")
+    for seconds, sign in ((-2**63, ""), (2**63 - 1, "-")):
+        damage(w.name, "meta", 32, struct.pack("q", seconds))
+        assert re.search(rf"^last write:  {sign}92233720\d{{11}}\.000 s ago$", show(w.name).stdout.decode(), re.M)
+
+
 @pytest.mark.parametrize("args, why", [((), "which ring log? Give its name"), (("a", "b"), "one name at a time")])
 def test_a_command_line_without_one_name_is_told(args, why):
     done = show(*args)

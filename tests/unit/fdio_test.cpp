@@ -139,6 +139,20 @@ TEST(nread, ends_when_the_process_is_told_to_quit)
     g_quit = 0;
 }
 
+TEST(nread, still_moves_what_is_there_when_the_process_is_told_to_quit)
+{
+    // Only an interrupted call asks for the flag.
+    Pipe p;
+    g_quit = 1;
+    char buf[16] = {};
+    EXPECT_EQ(nwrite(p.out.get(), "abc", 3, 0), 3);
+    EXPECT_EQ(nread(p.in.get(), buf, sizeof(buf), 0), 3);
+    EXPECT_EQ(std::string(buf), "abc");
+    const Fd file(open("/proc/self/exe", O_RDONLY));
+    EXPECT_EQ(npread(file.get(), buf, 4, 0, 0), 4);
+    g_quit = 0;
+}
+
 TEST(nwrite, writes_once)
 {
     Pipe p;

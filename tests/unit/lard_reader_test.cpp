@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <limits>
 
 using namespace lardkit;
 
@@ -99,6 +100,25 @@ TEST_F(lard_reader, a_record_without_an_owner_is_not_active)
         EXPECT_FALSE(lard_is_active(reader, &crashed));
         EXPECT_FALSE(crashed);
     }
+}
+
+TEST_F(lard_reader, any_mark_but_0_says_that_the_writer_closed)
+{
+    // A byte of another process's memory, which may hold what no bool does.
+    make();
+    open_reader();
+    for (const unsigned mark : {2u, 128u, 254u, 255u}) {
+        memset(&writer->meta->is_closed, static_cast<int>(mark), 1);
+        bool crashed = true;
+        writer->meta->owner_pid = getpid();
+        EXPECT_FALSE(lard_is_active(reader, &crashed)) << mark;
+        EXPECT_FALSE(crashed) << mark;
+        crashed = true;
+        writer->meta->owner_pid = std::numeric_limits<pid_t>::max(); // nobody
+        EXPECT_FALSE(lard_is_active(reader, &crashed)) << mark;
+        EXPECT_FALSE(crashed) << mark;
+    }
+    memset(&writer->meta->is_closed, 0, 1);
 }
 
 TEST_F(lard_reader, a_child_that_inherited_the_handle_does_not_close_for_its_parent)

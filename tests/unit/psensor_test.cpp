@@ -276,4 +276,7 @@ TEST_F(PsensorTest, dumps_enabled_sensors_that_have_measured_time)
                               "==\n";
     EXPECT_EQ(dump(), "P-Sensor [ev_loop]\n== time:\t2.000000000\n" + usage +
                           "P-Sensor [first]\n== time:\t0.000000005\n" + usage);
+    g_psensor[1].enabled = g_psensor[9].enabled = 0;
+    g_psensor[0].enabled = 1; // the first one
+    EXPECT_EQ(dump(), "P-Sensor [app]\n== time:\t1.000000000\n" + usage);
 }

@@ -239,6 +239,13 @@ TEST(strops, chomp_removes_two_characters_at_most)
     EXPECT_EQ("a\r", chomped("a\r\r\n"));
 }
 
+TEST(strops, chomp_keeps_off_what_stands_in_front_of_the_text)
+{
+    char buf[] = "\n\r";
+    chomp(buf + 1);
+    EXPECT_STREQ("\n", buf);
+}
+
 TEST(strops, markers_are_counted_by_occurrence)
 {
     EXPECT_EQ(0u, marker_count("", "ab"));
@@ -293,6 +300,9 @@ TEST(strops, conversion_to_bytes_stops_at_the_text_or_the_room)
     EXPECT_EQ(2u, hex_to_bin("01020304", out.data(), 2));
     EXPECT_EQ((std::array<uint8_t, 3>{0x01, 0x02, 0xEE}), out);
     EXPECT_EQ(0u, hex_to_bin("01", out.data(), 0));
+    // What stands behind the text's end is none of it.
+    EXPECT_EQ(0u, hex_to_bin("\0ab", out.data(), out.size()));
+    EXPECT_EQ(1u, hex_to_bin("01\0ab", out.data(), out.size()));
 }
 
 TEST(strops, bytes_become_digits_with_a_delimiter_behind_each)
@@ -377,6 +387,7 @@ TEST(strops, the_number_0_removes_the_macro)
     // Without -N a path reads as if the macro had never been there.
     EXPECT_EQ("/var/log/kvt-.log", replaced("/var/log/kvt-{N}.log", 0));
     EXPECT_EQ("/kvt.log", replaced("{N}/kvt{N}.log", 0));
+    EXPECT_EQ("", replaced("{N}", 0)); // nothing left is no failure
 }
 
 TEST(strops, at_most_32_occurrences_are_replaced)
