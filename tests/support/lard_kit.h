@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -21,6 +22,15 @@ namespace lardkit
 {
 
 inline const size_t PAGE = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+
+// The descriptors that the process holds, the count's own included.
+inline size_t open_descriptors()
+{
+    size_t n = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++n;
+    return n;
+}
 
 // A name that no other process uses, and whose objects are gone with the test.
 struct unique_name {

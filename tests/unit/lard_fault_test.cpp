@@ -5,6 +5,7 @@
 #include "lard.h"
 
 #include "lib/lard_int.h"
+#include "support/lard_kit.h"
 #include "support/std_capture.h"
 
 #include <gtest/gtest.h>
@@ -90,16 +91,10 @@ protected:
     }
     static void fail_none() { g_failing_turn = 0; }
     bool exists(const std::string& path) const { return access(path.c_str(), F_OK) == 0; }
-    static int next_fd()
-    {
-        const int fd = dup(0);
-        close(fd);
-        return fd;
-    }
     // What creating says when a call fails; "%fd" in place of the descriptor's number.
     std::string create_failing(const char* what, int turn)
     {
-        const int fd = next_fd();
+        const size_t held = lardkit::open_descriptors();
         lard_t lh = nullptr;
         fail(what, turn);
         const std::string said = stderr_of([&] {
@@ -108,14 +103,14 @@ protected:
         });
         fail_none();
         EXPECT_EQ(lh, nullptr);
-        EXPECT_EQ(next_fd(), fd);
+        EXPECT_EQ(lardkit::open_descriptors(), held);
         EXPECT_FALSE(exists(meta_path));
         EXPECT_FALSE(exists(data_path));
         return without_fd(said);
     }
     std::string open_failing(const char* what, int turn)
     {
-        const int fd = next_fd();
+        const size_t held = lardkit::open_descriptors();
         lard_t lh = nullptr;
         fail(what, turn);
         const std::string said = stderr_of([&] {
@@ -124,7 +119,7 @@ protected:
         });
         fail_none();
         EXPECT_EQ(lh, nullptr);
-        EXPECT_EQ(next_fd(), fd);
+        EXPECT_EQ(lardkit::open_descriptors(), held);
         EXPECT_TRUE(exists(meta_path) && exists(data_path));
         return without_fd(said);
     }

@@ -102,6 +102,18 @@ TEST_F(lard_reader, a_record_without_an_owner_is_not_active)
     }
 }
 
+TEST_F(lard_reader, process_1_can_be_an_owner)
+{
+    // As a writer in a container is. Whether this process may signal it decides.
+    make();
+    open_reader();
+    writer->meta->owner_pid = 1;
+    const bool lives = kill(1, 0) == 0;
+    bool crashed = lives;
+    EXPECT_EQ(lard_is_active(reader, &crashed), lives);
+    EXPECT_EQ(crashed, !lives);
+}
+
 TEST_F(lard_reader, any_mark_but_0_says_that_the_writer_closed)
 {
     // A byte of another process's memory, which may hold what no bool does.
@@ -177,23 +189,29 @@ TEST_F(lard_reader, leaving_nothing_is_no_error)
 
 TEST_F(lard_reader, a_closed_one_leaves_no_descriptor)
 {
-    const int next = dup(0);
-    close(next);
+    const size_t held = open_descriptors();
     make();
     open_reader();
+    EXPECT_EQ(open_descriptors(), held + 4);
     lard_close(reader);
+    EXPECT_EQ(open_descriptors(), held + 2);
     lard_destroy(writer);
     reader = writer = nullptr;
-    const int now = dup(0);
-    close(now);
-    EXPECT_EQ(now, next);
+    EXPECT_EQ(open_descriptors(), held);
+    EXPECT_EQ(lard_probe(id.name.c_str()), -1);
+    make();
+    EXPECT_EQ(lard_probe(id.name.c_str()), 0);
+    EXPECT_EQ(open_descriptors(), held + 2);
 }
 
 // ---- objects that are not what they say -----------------------------------------------------------------------
 
 TEST_F(lard_reader, it_can_be_asked_whether_there_is_something_to_open)
 {
-    const auto probe = [](const std::string& name) { return lard_probe(name.c_str()) == 0 ? 0 : errno; };
+    const auto probe = [](const std::string& name) {
+        errno = 0;
+        return lard_probe(name.c_str()) == 0 ? 0 : errno;
+    };
     EXPECT_EQ(stderr_of([&] {
                   EXPECT_EQ(probe(id.name), ENOENT);
                   EXPECT_EQ(probe("a/b"), EINVAL);
@@ -354,6 +372,10 @@ TEST_F(lard_reader, a_snapshot_of_a_ring_that_starts_further_on_without_being_fu
     writer->dbuf.data[10] = '\0';
     EXPECT_EQ(snapshot(writer), "LMNOPQRSTU"
                                 "ABCDEFGHI");
+    writer->meta->pld_len = 10; // all that the terminator leaves of the first piece is the byte behind it
+    EXPECT_EQ(snapshot(writer), "ABCDEFGHI");
+    writer->meta->pld_len = 3; // less than nothing
+    EXPECT_EQ(snapshot(writer), "ABCDEFGHI");
     writer->meta->pld_start = writer->meta->pld_len = 0;
 }
 
@@ -379,7 +401,8 @@ TEST_F(lard_reader, a_reader_gets_what_is_new_since_it_last_looked)
     EXPECT_EQ(read_new(reader, &cur, &lost), "");
     EXPECT_FALSE(lost);
     EXPECT_EQ(lard_puts(writer, "one\n"), 4);
-    EXPECT_EQ(read_new(reader, &cur), "one\n");
+    EXPECT_EQ(read_new(reader, &cur, &lost), "one\n");
+    EXPECT_FALSE(lost);
     EXPECT_EQ(read_new(reader, &cur), "");
     EXPECT_EQ(lard_puts(writer, "two\n"), 4);
     EXPECT_EQ(lard_puts(writer, "three\n"), 6);
@@ -440,6 +463,22 @@ TEST_F(lard_reader, a_reader_that_was_overtaken_goes_on_in_small_pieces_without_
         ASSERT_LE(text.size(), size);
     }
     EXPECT_EQ(text, expected);
+}
+
+TEST_F(lard_reader, a_reader_that_was_overtaken_forgets_what_it_knew)
+{
+    make();
+    open_reader();
+    struct lard_cursor cur = {};
+    EXPECT_EQ(lard_puts(writer, "seen once, and long enough to be remembered for a while yet\n"), 60);
+    EXPECT_EQ(read_new(reader, &cur).size(), 60u);
+    fill_to(size);
+    EXPECT_EQ(lard_puts(writer, "some more of it, so that the place has been written over already\n"), 65);
+    char piece[3];
+    bool lost = false;
+    EXPECT_EQ(lard_read_new(reader, &cur, piece, sizeof(piece), &lost), 3);
+    EXPECT_TRUE(lost);
+    EXPECT_EQ(cur.tail_len, 3u); // the piece alone
 }
 
 TEST_F(lard_reader, a_reader_that_found_an_empty_ring_knows_that_a_full_one_has_lost_text)

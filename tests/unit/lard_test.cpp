@@ -248,6 +248,14 @@ TEST_F(lard, a_text_as_long_as_the_ring_does_not_fit_and_leaves_it_alone)
     }
 }
 
+TEST_F(lard, a_single_character_is_a_text)
+{
+    make();
+    EXPECT_EQ(lard_puts(writer, "a"), 1);
+    EXPECT_EQ(lard_printf(writer, "%c", 'b'), 1);
+    EXPECT_EQ(whole(writer), "ab");
+}
+
 TEST_F(lard, a_text_one_byte_shorter_than_the_ring_fits)
 {
     make();

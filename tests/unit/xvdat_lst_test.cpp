@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -477,6 +480,24 @@ TEST(xvlst_mmap_fixed, gives_no_memory_where_the_mapping_fails)
     EXPECT_TRUE(log.contains("xvlst_mmap_fixed: mmap(NULL, 0, ..) ERROR(22): Invalid argument"));
 }
 
+TEST(xvlst_reset, unmaps_blocks_and_map_to_the_last_page)
+{
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t count = page; // so that blocks and map end with a page each
+    xvlst l = {};
+    ASSERT_EQ(xvlst_mmap_fixed(&l, count, page - 1), 0);
+    auto* const start = static_cast<char*>(l.data);
+    const auto is_mapped = [start, page](size_t i) {
+        unsigned char resident;
+        return mincore(start + i * page, page, &resident) == 0;
+    };
+    EXPECT_TRUE(is_mapped(0));
+    EXPECT_TRUE(is_mapped(count - 1)); // of the taken map
+    xvlst_reset(&l);
+    EXPECT_FALSE(is_mapped(0));
+    EXPECT_FALSE(is_mapped(count - 1));
+}
+
 TEST(xvlst_reset, asserts_the_block_size_of_a_mapped_list)
 {
     xvlst l = {};
@@ -688,6 +709,18 @@ TEST(xvlst_purge_all, frees_all_slots_and_keeps_the_memory)
     EXPECT_EQ(l.add(), 0);
     xvlst_purge_all(&l, nullptr);
     EXPECT_EQ(l.len, 0u);
+}
+
+TEST(xvlst_purge_all, frees_the_one_slot_of_the_smallest_list)
+{
+    char buf[BLK + 1];
+    xvlst l = {};
+    ASSERT_EQ(xvlst_bind(&l, buf, sizeof(buf), BLK), 0);
+    ASSERT_EQ(xvlst_add(&l, BLK, STEP), 0);
+    EXPECT_EQ(xvlst_add(&l, BLK, STEP), ERR_XV_FIXED);
+    xvlst_purge_all(&l, nullptr);
+    EXPECT_EQ(l.avail, 0);
+    EXPECT_EQ(xvlst_add(&l, BLK, STEP), 0);
 }
 
 TEST(xvlst_purge_all, does_nothing_to_a_list_that_has_run_empty)
