@@ -22,6 +22,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -190,7 +191,10 @@ int serve()
 int main(int argc, char** argv)
 {
     const bool verbose = argc == 3 && 0 == strcmp(argv[1], "-v");
-    if (argc != 2 && !verbose) return 2;
+    if ((argc != 2 && !verbose) || argv[argc - 1][0] == '-') {
+        fputs("usage: echo [-v] FILE.conf\n", stderr);
+        return 2;
+    }
     glog_init("echo");
     log_default(&g_log, stderr);
     log_set_modules(&g_log, verbose ? ll::info : ll::warning);
