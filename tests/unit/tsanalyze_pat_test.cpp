@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 
 namespace
@@ -479,6 +480,83 @@ TEST_F(PAT, last_three_bytes_of_the_crc_are_not_compared)
     const psi_block& base = a->pat;
     EXPECT_EQ(base.sec[0][s.size() - 1], 0);
     EXPECT_EQ(base.sec[0][s.size() - 4], s[s.size() - 4]);
+}
+
+// ---- tables of many sections -----------------------------------------------------------------------------------
+
+// A table of `count` sections: program 1 in the first and one more in section `at`.
+std::vector<packet> many_sections(unsigned count, unsigned at, pat_entry more, unsigned version)
+{
+    std::vector<packet> v;
+    for (unsigned i = 0; i < count; ++i) {
+        std::vector<pat_entry> list;
+        if (i == 0) list.push_back({1, 100});
+        if (i == at) list.push_back(more);
+        v.push_back(wrap1(pat(list).number(i, count - 1).version(version).build(), 0, i));
+    }
+    return v;
+}
+
+TEST_F(PAT, change_in_any_section_of_a_large_table_is_seen)
+{
+    for (unsigned count : {2u, 255u, 256u}) {
+        for (unsigned at : {0u, 1u, count - 2, count - 1}) {
+            Analyzer b;
+            b.feed(many_sections(count, at, {2, 200}, 0));
+            ASSERT_EQ(b->nprogs, 2u) << count;
+            b.feed(many_sections(count, at, {2, 300}, 0));
+            EXPECT_EQ((pids{b->pmt_pid, b->pmt_pid + b->nprogs}), (pids{100, 300})) << at << " of " << count;
+            EXPECT_EQ(b->gac.pat_diff, 1u);
+            EXPECT_EQ(b->new_pat, nullptr);
+        }
+    }
+}
+
+// The list tells whether two tables were found equal: a merge would bring it back to the first one.
+TEST_F(PAT, return_to_the_first_large_table_leaves_the_list_as_the_change_left_it)
+{
+    for (unsigned count : {2u, 255u, 256u}) {
+        Analyzer b;
+        for (unsigned pid : {200u, 300u, 200u, 200u})
+            b.feed(many_sections(count, count - 1, {2, pid}, 0));
+        EXPECT_EQ((pids{b->pmt_pid, b->pmt_pid + b->nprogs}), (pids{100, 300})) << count;
+        EXPECT_EQ(b->gac.pat_diff, 1u) << count;
+        // With another version it is no longer the first one.
+        b.feed(many_sections(count, count - 1, {2, 200}, 1));
+        EXPECT_EQ((pids{b->pmt_pid, b->pmt_pid + b->nprogs}), (pids{100, 200})) << count;
+    }
+}
+
+// The same entries in one section more or less are another table.
+TEST_F(PAT, large_tables_of_different_section_counts_differ)
+{
+    for (unsigned first : {255u, 256u}) {
+        const unsigned second = first == 255 ? 256 : 255;
+        Analyzer b;
+        b.feed(many_sections(first, 7, {2, 200}, 0));
+        b.feed(many_sections(first, 7, {2, 300}, 0));
+        b.feed(many_sections(first, 7, {2, 200}, 0));
+        EXPECT_EQ(b->pmt_pid[1], 300u) << first;
+        b.feed(many_sections(second, 7, {2, 200}, 0));
+        EXPECT_EQ(b->pmt_pid[1], 200u) << first;
+        EXPECT_EQ(b->gac.pat_diff, 2u) << first;
+    }
+}
+
+TEST_F(PAT, large_table_is_compared_when_its_last_section_has_come_in_whatever_order)
+{
+    std::vector<packet> v = many_sections(256, 255, {2, 300}, 1);
+    a.feed(many_sections(256, 255, {2, 200}, 0));
+    std::shuffle(v.begin(), v.end(), std::mt19937(9));
+    const packet last = v.back();
+    v.pop_back();
+    a.feed(v);
+    EXPECT_EQ(list(), (pids{100, 200}));
+    EXPECT_NE(a->new_pat, nullptr);
+    a.quiet();
+    a.feed(last);
+    EXPECT_EQ(list(), (pids{100, 300}));
+    EXPECT_EQ(a.alerts.messages(), strings{"ALERT PAT-DIFF src 0 2 1 1 PAT[512]"});
 }
 
 // ---- dumps ----------------------------------------------------------------------------------------------------

@@ -1,6 +1,8 @@
 // PMT tracking: sections whose lengths lie, that are cut, or whose descriptors are not what their tags say.
 #include "support/pmt_kit.h"
 
+#include <algorithm>
+#include <cstring>
 #include <random>
 
 namespace
@@ -35,10 +37,10 @@ TEST_F(HostilePMT, section_of_12_or_1022_bytes_is_refused_and_one_of_13_or_1021_
     a.feed_pmt(pmt(1, 101, {}).version(1));
     EXPECT_EQ(pg().alert.pmt_diff, 1u);
     EXPECT_EQ(pg().nstreams, 0u);
-    bytes s = pmt(1, 101, {{ES_AVC, 101}}).version(1).length(1021);
+    bytes s = pmt(1, 101, {{ES_AVC, 301}}).version(1).length(1021);
     s.resize(183, 0);
     a.feed(wrap1(s, 100));
-    EXPECT_EQ(pg().stm[0].pid, 101u);
+    EXPECT_EQ(pg().stm[0].pid, 301u);
 }
 
 TEST_F(HostilePMT, refused_section_is_refused_as_the_first_one_too)
@@ -273,6 +275,232 @@ TEST_F(HostilePMT, random_damage_never_breaks_the_record)
         }
     }
     expect_valid();
+}
+
+// The last byte ahead of the CRC is the packet's last, or the CRC's first bytes are: nothing goes on behind the packet
+// that a length could lead to.
+TEST_F(HostilePMT, lengths_that_lie_are_refused_where_only_the_crc_is_cut)
+{
+    const bytes good = pmt(1, 101, {{ES_AVC, 201, desc(0x90, fill(40, 1))}, {ES_AAC, 202, desc(0x90, fill(106, 2))}});
+    for (size_t behind_content : {0u, 1u, 3u, 4u}) {
+        const size_t room = good.size() - 4 + behind_content;
+        const auto feed_changed = [&](size_t at, int by) {
+            bytes s = good;
+            s[at] = uint8_t(s[at] + by);
+            Analyzer b;
+            b.feed_pat(pat({{1, 100}}));
+            b.quiet();
+            b.feed(pkt().pid(100).payload(bytes_view(s).first(room)));
+            return b.log.messages(ll::error).size();
+        };
+        EXPECT_EQ(feed_changed(5, 0), 0u) << room;
+        const size_t second = 12 + 5 + 42;
+        EXPECT_EQ(feed_changed(second + 4, 1), 1u) << room; // the loop runs past the section
+        EXPECT_EQ(feed_changed(second + 6, 1), 1u) << room; // the descriptor runs past its loop
+        EXPECT_EQ(feed_changed(second + 4, -1), 1u) << room;
+        EXPECT_EQ(feed_changed(2, 1), behind_content == 0 ? 0u : 1u) << room; // now it goes on behind the packet
+    }
+}
+
+// ---- against a plain reader -----------------------------------------------------------------------------------
+
+// What a section says, read the long way round.
+struct reading {
+    std::string refusal; // empty: it is taken
+    std::vector<unsigned> pids;
+    std::vector<unsigned> desc_tags; // as far as the reading went
+};
+
+size_t u12(bytes_view b, size_t at)
+{
+    return (b[at] % 16U) * 256U + b[at + 1];
+}
+
+// Takes descriptors from the front of a loop's bytes. False if the loop does not end with a descriptor.
+bool read_descs(bytes_view loop, reading* r)
+{
+    while (loop.size() >= 2 && loop.size() >= 2U + loop[1]) {
+        r->desc_tags.push_back(loop[0]);
+        loop = loop.subspan(2U + loop[1]);
+    }
+    return loop.empty();
+}
+
+// `sec` is what came with the packet, from the section's first byte on.
+reading read_plainly(bytes_view sec)
+{
+    reading r;
+    if (sec.size() < 3) return {"its head is not in the packet", {}, {}};
+    const size_t length = u12(sec, 1);
+    if (length < 13) return {"it is too short", {}, {}};
+    if (length > 1021) return {"it is too long", {}, {}};
+    if (sec.size() < 12) return {"its head is not in the packet", {}, {}};
+    const bool goes_on = length - 1 > sec.size();
+    const bytes_view body = goes_on ? sec : sec.first(length - 1);
+    const auto loop = [&](size_t field, size_t* next) -> const char* {
+        const size_t begin = field + 2, len = u12(body, field);
+        *next = begin + len;
+        if (begin + len <= body.size())
+            return read_descs(body.subspan(begin, len), &r) ? nullptr : "a descriptor runs past its loop";
+        if (!goes_on) return "a descriptor loop runs past the section";
+        (void)read_descs(body.subspan(begin), &r);
+        return nullptr;
+    };
+    size_t at = 0;
+    if (const char* why = loop(10, &at); why != nullptr) {
+        r.refusal = why;
+        return r;
+    }
+    while (at + 5 <= body.size()) {
+        r.pids.push_back(body[at + 1] % 32U * 256U + body[at + 2]);
+        if (const char* why = loop(at + 3, &at); why != nullptr) {
+            r.refusal = why;
+            return r;
+        }
+    }
+    if (at < body.size() && !goes_on) r.refusal = "an entry runs past the section";
+    return r;
+}
+
+std::vector<unsigned> numbers_behind(const std::string& text, const char* words, int base)
+{
+    std::vector<unsigned> v;
+    for (size_t at = text.find(words); at != std::string::npos; at = text.find(words, at + 1))
+        v.push_back(unsigned(strtoul(text.c_str() + at + strlen(words), nullptr, base)));
+    return v;
+}
+
+// Descriptors of one line each, so that the text shows them one by one.
+bytes random_descs(std::mt19937& rng)
+{
+    bytes v;
+    for (unsigned n = unsigned(rng() % 4); n > 0; --n)
+        v = cat({v, desc(unsigned(0x90 + rng() % 16), fill(rng() % 9, uint8_t(rng())))});
+    return v;
+}
+
+// A table whose length fields may be off by a little or by much.
+bytes random_pmt(std::mt19937& rng)
+{
+    std::vector<es> list;
+    for (unsigned n = unsigned(rng() % 30); n > 0; --n)
+        list.push_back({rng() % 3 == 0 ? ES_UNTRACKED : ES_AVC, unsigned(200 + rng() % 4000), random_descs(rng)});
+    bytes s = pmt(1, 101, list).version(unsigned(rng() % 32)).descs(random_descs(rng));
+    constexpr size_t LENGTH_BYTES[] = {1, 2, 10, 11};
+    while (rng() % 3 == 0) {
+        const size_t at = rng() % 2 == 0 ? LENGTH_BYTES[rng() % 4] : 12 + rng() % (s.size() - 12);
+        s[at] = rng() % 3 == 0 ? uint8_t(rng()) : uint8_t(s[at] + rng() % 3 - 1U);
+    }
+    return s;
+}
+
+TEST_F(HostilePMT, random_sections_are_read_as_a_plain_reader_reads_them)
+{
+    std::mt19937 rng(21);
+    size_t taken = 0, refused = 0, cut = 0;
+    for (int round = 0; round < 4000; ++round) {
+        const bytes s = random_pmt(rng);
+        Analyzer b;
+        b.feed_pat(pat({{1, 100}}));
+        b.quiet();
+        // Stuffed behind, cut by the packet's end, or pushed there by an adaptation field.
+        const size_t room = rng() % 3 == 0 ? rng() % 183 : 183;
+        bytes_view seen = bytes_view(s).first(std::min(s.size(), room));
+        bytes stuffed(seen.begin(), seen.end());
+        if (rng() % 2 == 0) stuffed.resize(room < 183 && room > s.size() ? room : 183, 0xff);
+        if (stuffed.empty()) continue;
+        b.feed(stuffed.size() == 183 ? pkt().pid(100).section_payload(stuffed).build()
+                                     : pkt().pid(100).payload(stuffed).build());
+        // The packet's payload has 184 bytes; without unit start all of it is the section.
+        bytes sec = stuffed;
+        if (stuffed.size() == 183) sec.push_back(0xff);
+
+        const reading r = read_plainly(sec);
+        // Only these descriptors are shown in a line each; lengths that lie can make one of any bytes.
+        if (std::ranges::any_of(r.desc_tags, [](unsigned tag) { return tag < 0x90; })) continue;
+        const std::string at = "round " + std::to_string(round);
+        if (!r.refusal.empty()) {
+            ++refused;
+            EXPECT_EQ(b.log.messages(),
+                      strings{"take_PMT: [src] passing over a PMT section (pid100), " + r.refusal + " at 0:M[2]"})
+                << at;
+            EXPECT_EQ(b->pg[0].txt_pmt.buf, nullptr) << at;
+            continue;
+        }
+        ++taken;
+        cut += u12(sec, 1) - 1 > sec.size();
+        EXPECT_EQ(b.log.messages(ll::error), strings{}) << at;
+        const ctxt_spec& txt = b->pg[0].txt_pmt;
+        const std::string shown(txt.buf, size_t(txt.textlen));
+        EXPECT_EQ(numbers_behind(shown, "* ES pid=", 10), r.pids) << at;
+        EXPECT_EQ(numbers_behind(shown, "- desc ", 16), r.desc_tags) << at << "\n" << shown;
+        EXPECT_TRUE(shown.ends_with("end PMT\n")) << at;
+    }
+    EXPECT_GT(taken, 600u);
+    EXPECT_GT(refused, 600u);
+    EXPECT_GT(cut, 300u);
+}
+
+// Descriptors that are shorter than their tag asks for, in every place where one can stand: a refusal in words or a
+// whole text comes of each, and the text stays the same however often the packet comes.
+TEST_F(HostilePMT, short_descriptors_of_every_tag_are_rendered_or_refused)
+{
+    size_t shown = 0;
+    for (unsigned tag = 0; tag < 256; ++tag) {
+        for (size_t len = 0; len < 12; ++len) {
+            for (unsigned value : {0x00u, 0xffu}) {
+                const bytes d = desc(tag, fill(len, uint8_t(value)));
+                const bytes s = pmt(1, 101, {{ES_AVC, 101, d}}).version((tag + unsigned(len)) % 32).descs(d);
+                a.quiet();
+                a.feed(wrap(s, 100));
+                const strings errors = a.log.messages(ll::error);
+                if (!errors.empty()) {
+                    EXPECT_EQ(errors.size(), 1u);
+                    EXPECT_TRUE(with(errors, "items do not advance").size() == 1) << errors[0];
+                    continue;
+                }
+                ++shown;
+                EXPECT_EQ(stream_pids(), stream_list{101}) << tag << " of " << len << " bytes";
+                if (a.log.count("PMT buffer may overflow") == 0) {
+                    EXPECT_TRUE(text().ends_with("end PMT\n")) << text();
+                }
+                const uint64_t diffs = pg().alert.pmt_diff;
+                a->plain_psi = true;
+                a.feed(wrap(s, 100));
+                a->plain_psi = false;
+                EXPECT_EQ(pg().alert.pmt_diff, diffs) << tag << " of " << len << " bytes";
+            }
+        }
+    }
+    EXPECT_GT(shown, 256u * 12);
+}
+
+// Two analyzers get the same packets; one takes no section for known by its bytes. What they write may not differ.
+TEST_F(HostilePMT, damaged_sections_known_by_their_bytes_leave_the_same_lines_as_sections_compared)
+{
+    std::mt19937 rng(31);
+    std::vector<packet> v;
+    for (int round = 0; round < 1500; ++round) {
+        bytes s = rng() % 3 == 0 ? av_pmt(unsigned(rng() % 4)) : random_pmt(rng);
+        s.resize(183, 0xff);
+        s[9] |= 1; // never a PCR PID of 0
+        v.insert(v.end(), 1 + rng() % 4, wrap1(s, 100));
+    }
+    strings lines[2], records[2];
+    for (int plain = 0; plain < 2; ++plain) {
+        Analyzer b;
+        b.cfg.trk.pmt_diff = true;
+        b->plain_psi = plain == 1;
+        b.quiet();
+        b.feed_pat(pat({{1, 100}}));
+        b.feed(v);
+        lines[plain] = b.log.messages();
+        records[plain] = b.alerts.messages();
+    }
+    EXPECT_TRUE(lines[0] == lines[1]);
+    EXPECT_EQ(records[0], records[1]);
+    EXPECT_GT(records[0].size(), 300u);
+    EXPECT_GT(with(lines[0], "cmp_PMT: ok").size(), 500u);
 }
 
 } // namespace
