@@ -18,11 +18,11 @@
 #include "timeop.h"
 #include "util.h"
 
+#include <err.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -191,10 +191,7 @@ int serve()
 int main(int argc, char** argv)
 {
     const bool verbose = argc == 3 && 0 == strcmp(argv[1], "-v");
-    if ((argc != 2 && !verbose) || argv[argc - 1][0] == '-') {
-        fputs("usage: echo [-v] FILE.conf\n", stderr);
-        return 2;
-    }
+    if ((argc != 2 && !verbose) || argv[argc - 1][0] == '-') errx(2, "usage: echo [-v] FILE.conf");
     glog_init("echo");
     log_default(&g_log, stderr);
     log_set_modules(&g_log, verbose ? ll::info : ll::warning);

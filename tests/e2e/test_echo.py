@@ -410,7 +410,7 @@ def test_a_port_that_is_taken_by_another_user_of_it_ends_the_start(echo):
 def test_the_command_line_needs_a_file(echo):
     for wrong in [], ["-h"], ["-v"], ["a.conf", "b.conf"]:
         done = subprocess.run([BUILD / "example_echo", *wrong], capture_output=True, text=True, timeout=DEADLINE)
-        assert (done.returncode, done.stderr) == (2, "usage: echo [-v] FILE.conf\n")
+        assert (done.returncode, done.stderr) == (2, "example_echo: usage: echo [-v] FILE.conf\n")
     done = subprocess.run([BUILD / "example_echo", Path("/nonexistent.conf")], capture_output=True, text=True,
                           timeout=DEADLINE)
     assert done.returncode == 1 and "/nonexistent.conf" in done.stderr
