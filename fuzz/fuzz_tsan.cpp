@@ -1,7 +1,9 @@
 // Under attack: the analyzer's packet path, all checks and traces on. The input is a run of packets, the last one cut.
+// At the end the record has to be one that the analyzer's own rules allow.
 #include "fuzz/fuzz_common.h"
 #include "fuzz/tsan_guard.h"
 #include "log.h"
+#include "tavrin/tsanalyze_int.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -26,6 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         tsan_process(t, pkt.data());
         FUZZ_CHECK(tsan_get_pidx(t) == ++taken);
     }
+    FUZZ_CHECK(tsan_int::tsan_validate(t, nullptr));
     tsan_check_ndat(t);
     tsan_dump_stats(log_fp(&g_log), t);
     tsan_alog_stats(t);

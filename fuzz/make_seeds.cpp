@@ -99,6 +99,19 @@ void make_tsan()
     d.push_back(pkt().pid(101).cc(1).unit_start().payload(bytes{0, 0, 1, 0xe0}));
     seed("tsan", "descriptors", cat(d));
 
+    // A descriptor of every tag, with fewer bytes than most of them ask for.
+    std::vector<packet> short_ones = wrap(pat({{1, 100}}).build(), PID_PAT);
+    for (size_t len : {0, 3}) {
+        bytes loop;
+        for (unsigned tag = 0; tag < 256; ++tag) {
+            loop = cat({loop, desc(tag, fill(len, 1))});
+            if (loop.size() < 140 && tag < 255) continue;
+            short_ones.push_back(wrap1(pmt(1, 101, {{ES_AVC, 101}}).descs(loop).build(), 100, cc++));
+            loop.clear();
+        }
+    }
+    seed("tsan", "short_descriptors", cat(short_ones));
+
     std::vector<packet> split = wrap(pat({{1, 100}}).number(0, 1).build(), PID_PAT);
     split.push_back(wrap1(pat({{2, 200}}).number(1, 1).build(), PID_PAT, 1));
     split.push_back(wrap1(pat({}).version(1).build(), PID_PAT, 2));

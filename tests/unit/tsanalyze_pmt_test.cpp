@@ -442,6 +442,32 @@ TEST_F(PMT, text_that_overflows_its_buffer_warns_with_every_packet)
     EXPECT_EQ(pg().alert.pmt_diff, 0u);
 }
 
+// The buffer drops a line when 15 bytes are left, and takes it when 16 are. The last line here meets just that.
+TEST_F(PMT, text_that_loses_its_last_line_alone_warns_with_every_packet)
+{
+    const auto room_for_the_last_line = [](unsigned room) {
+        bytes descs;
+        for (unsigned i = 0; i < 15; ++i)
+            descs = cat({descs, desc(0x6e, bytes{0, 0})});
+        descs = cat({descs, desc(0x90, room == 15 ? bytes{1, 2, 3} : bytes{1, 2})});
+        return pmt(1, 101, {{ES_AVC, room == 15 ? 99U : 101U}}).descs(descs).build();
+    };
+    begin(room_for_the_last_line(15));
+    EXPECT_EQ(a.log.count("PMT buffer may overflow, 15 bytes left"), 1u);
+    EXPECT_EQ(pg().txt_pmt.textlen, ssize_t(MAX_PMT_TXT) - 2 - 15);
+    for (int i = 0; i < 3; ++i) {
+        a.quiet();
+        a.feed_pmt(room_for_the_last_line(15));
+        EXPECT_EQ(a.log.messages(ll::warning), strings{"add_ctxt_line: PMT buffer may overflow, 15 bytes left"});
+    }
+    a.quiet();
+    a.feed_pmt(room_for_the_last_line(16));
+    a.feed_pmt(room_for_the_last_line(16));
+    EXPECT_EQ(a.log.count("PMT buffer may overflow"), 0u);
+    EXPECT_TRUE(text().ends_with("\nend PMT\n"));
+    EXPECT_EQ(pg().alert.pmt_diff, 1u);
+}
+
 TEST_F(PMT, texts_that_differ_only_behind_the_cut_compare_as_equal)
 {
     begin(wordy_pmt(30, 1));
