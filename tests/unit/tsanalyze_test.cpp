@@ -564,6 +564,73 @@ TEST_F(Tsan, validate_objects_to_each_broken_rule)
     breaks(pg().memo.len, 200);
 }
 
+// The largest values that the tables can hold are right, and one more is not.
+TEST_F(Tsan, validate_takes_full_tables_and_the_last_pid)
+{
+    a.one_program();
+    a.feed({pkt().pid(101), pkt().pid(102)});
+    const auto limit = [&](auto& field, auto last) {
+        using value = std::remove_reference_t<decltype(field)>;
+        const value good = field;
+        const char* why = "";
+        field = static_cast<value>(last);
+        tsan_int::pid_map_rebuild(a.tc);
+        EXPECT_TRUE(tsan_int::tsan_validate(a.tc, &why)) << why;
+        ++field;
+        EXPECT_FALSE(tsan_int::tsan_validate(a.tc, nullptr)) << uint64_t(last);
+        field = good;
+        tsan_int::pid_map_rebuild(a.tc);
+    };
+    limit(a->pmt_pid[0], 8191);
+    limit(pg().stm[0].pid, 8191);
+    limit(pg().stm[1].pid, 8191);
+    limit(pg().stm[0].cc.value, 15);
+    limit(pg().pcr_idx, 63);
+    limit(pg().ref_idx, 63);
+    limit(pg().pcr_pid, 8191);
+    limit(pg().txt_pmt.textlen, pg().txt_pmt.buflen);
+    limit(pg().memo.len, 188);
+    limit(a->atotal, a->ptotal);
+    for (size_t i = 2; i < MAX_NSTREAMS; ++i) {
+        pg().stm[i] = pg().stm[1];
+        pg().stm[i].pid = unsigned(1000 + i);
+    }
+    limit(pg().nstreams, MAX_NSTREAMS);
+    for (size_t i = 1; i < MAX_PMTS; ++i) {
+        a->pmt_pid[i] = unsigned(2000 + i);
+        a->pg[i].pcr_idx = a->pg[i].ref_idx = -1;
+    }
+    limit(a->nprogs, MAX_PMTS);
+}
+
+// The rules hold for every program in use, and for slots that stand empty.
+TEST_F(Tsan, validate_looks_at_every_program)
+{
+    a.feed_pat(pat({{1, 100}, {2, 200}, {3, 300}}));
+    a.feed_pmt(pmt(3, 301, {{ES_AVC, 301}, {ES_AAC, 302}}), 300);
+    expect_valid();
+    const auto breaks = [&](auto& field, auto value, const char* words) {
+        const auto good = field;
+        field = static_cast<std::remove_reference_t<decltype(field)>>(value);
+        const char* why = "";
+        EXPECT_FALSE(tsan_int::tsan_validate(a.tc, &why));
+        EXPECT_STREQ(why, words);
+        field = good;
+        expect_valid();
+    };
+    breaks(a->pmt_pid[2], 8192, "impossible PMT PID");
+    breaks(a->pmt_pid[3], 400, "list of PMT PIDs without an end");
+    breaks(a->pid_map[300], pid_slot{.ipg = -1, .istm = -1}, "PID map out of step with the tables");
+    breaks(a->pid_map[302], pid_slot{.ipg = -1, .istm = -1}, "PID map out of step with the tables");
+    breaks(a->pid_map[302].istm, 0, "PID map out of step with the tables");
+    breaks(a->pid_map[8191], pid_slot{.ipg = 0, .istm = -1}, "PID map out of step with the tables");
+    breaks(a->pid_map[0], pid_slot{.ipg = 0, .istm = -1}, "PID map out of step with the tables");
+    breaks(a->pg[2].stm[1].stype, '\0', "a stream without class, or with an impossible PID or counter");
+    breaks(a->pg[31].pcr_pid, 8192, "impossible PCR PID");
+    breaks(a->pg[31].memo.len, 1, "memo without a PMT text");
+    breaks(a->pg[31].txt_pmt.textlen, 1, "PMT text longer than its buffer");
+}
+
 TEST_F(Tsan, dump_prints_the_record_in_words)
 {
     a.cfg.cc_track = true;
