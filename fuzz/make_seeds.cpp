@@ -112,6 +112,26 @@ void make_tsan()
     }
     seed("tsan", "short_descriptors", cat(short_ones));
 
+    // Tables that come again byte by byte, and tables that are cut by the packet's end: an entry behind its head, ahead
+    // of its head, and within. One PMT has more text than there is room for.
+    std::vector<packet> again;
+    const bytes two_entries = pmt(1, 101, {{ES_AVC, 101, lang_desc("eng")}, {ES_AAC, 102, lang_desc("deu")}});
+    bytes wordy;
+    while (wordy.size() < 120)
+        wordy = cat({wordy, desc(0x6e, bytes{0, 0})});
+    const bytes long_text = pmt(1, 101, {{ES_AVC, 101}}).descs(wordy);
+    for (int i = 0; i < 4; ++i) {
+        again.push_back(wrap1(pat({{1, 100}, {2, 200}}).build(), PID_PAT, cc++));
+        again.push_back(wrap1(two_entries, 100, cc++));
+        if (i > 1) again.push_back(wrap1(long_text, 100, cc++));
+    }
+    for (const size_t n : {20, 25, 28, 31})
+        again.push_back(pkt().pid(100).payload(bytes_view(two_entries).first(n)));
+    const bytes three_programs = pat({{1, 100}, {2, 200}, {3, 300}});
+    for (const size_t n : {12, 14, 18})
+        again.push_back(pkt().pid(PID_PAT).payload(bytes_view(three_programs).first(n)));
+    seed("tsan", "tables_again_and_cut", cat(again));
+
     std::vector<packet> split = wrap(pat({{1, 100}}).number(0, 1).build(), PID_PAT);
     split.push_back(wrap1(pat({{2, 200}}).number(1, 1).build(), PID_PAT, 1));
     split.push_back(wrap1(pat({}).version(1).build(), PID_PAT, 2));

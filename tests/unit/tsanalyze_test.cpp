@@ -601,6 +601,31 @@ TEST_F(Tsan, validate_takes_full_tables_and_the_last_pid)
         a->pg[i].pcr_idx = a->pg[i].ref_idx = -1;
     }
     limit(a->nprogs, MAX_PMTS);
+    // One less has room for the end, and needs it.
+    const char* why = "";
+    a->nprogs = MAX_PMTS - 1;
+    EXPECT_FALSE(tsan_int::tsan_validate(a.tc, &why));
+    EXPECT_STREQ(why, "list of PMT PIDs without an end");
+}
+
+TEST_F(Tsan, memo_knows_its_bytes_and_no_others)
+{
+    psi_memo memo = {};
+    bytes s = {1, 2, 3};
+    EXPECT_FALSE(tsan_int::memo_matches(&memo, {}));
+    EXPECT_FALSE(tsan_int::memo_matches(&memo, s));
+    tsan_int::memo_keep(&memo, s, 64);
+    EXPECT_EQ(memo.count, 64);
+    EXPECT_TRUE(tsan_int::memo_matches(&memo, s));
+    EXPECT_FALSE(tsan_int::memo_matches(&memo, bytes_view(s).first(2)));
+    EXPECT_FALSE(tsan_int::memo_matches(&memo, bytes{1, 2, 3, 0}));
+    EXPECT_FALSE(tsan_int::memo_matches(&memo, bytes{1, 2, 4}));
+    tsan_int::memo_drop(&memo);
+    EXPECT_FALSE(tsan_int::memo_matches(&memo, s));
+    tsan_int::memo_keep(&memo, fill(TS_PKT_BYTES, 7), 0);
+    EXPECT_TRUE(tsan_int::memo_matches(&memo, fill(TS_PKT_BYTES, 7)));
+    tsan_int::memo_keep(&memo, {}, 0);
+    EXPECT_FALSE(tsan_int::memo_matches(&memo, {}));
 }
 
 // The rules hold for every program in use, and for slots that stand empty.
@@ -618,6 +643,7 @@ TEST_F(Tsan, validate_looks_at_every_program)
         field = good;
         expect_valid();
     };
+    breaks(a->nprogs, MAX_PMTS + 1, "more programs than the list holds");
     breaks(a->pmt_pid[2], 8192, "impossible PMT PID");
     breaks(a->pmt_pid[3], 400, "list of PMT PIDs without an end");
     breaks(a->pid_map[300], pid_slot{.ipg = -1, .istm = -1}, "PID map out of step with the tables");
