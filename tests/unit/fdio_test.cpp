@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -75,6 +76,18 @@ TEST(nread, gives_what_is_there)
     EXPECT_EQ(nread(p.in.get(), buf, sizeof(buf), 0), 2); // a partial read goes back as it is
     p.out = Fd();
     EXPECT_EQ(nread(p.in.get(), buf, sizeof(buf), 0), 0); // end of data
+}
+
+TEST(nread, takes_the_end_of_data_for_no_failure)
+{
+    // What an earlier call has left in errno is not looked at, and not touched.
+    const Fd file(memfd_create("empty", 0));
+    char buf[4];
+    errno = EINTR;
+    EXPECT_EQ(nread(file.get(), buf, sizeof(buf), 0), 0);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(npread(file.get(), buf, sizeof(buf), 0, 0), 0);
+    EXPECT_EQ(errno, EINTR);
 }
 
 TEST(nread, makes_no_call_for_nothing)
@@ -157,8 +170,9 @@ TEST(nwrite, writes_once)
 {
     Pipe p;
     EXPECT_EQ(nwrite(p.out.get(), "abc", 3, 0), 3);
+    EXPECT_EQ(nwrite(p.out.get(), "d", 1, 0), 1);
     char buf[16] = {};
-    EXPECT_EQ(read(p.in.get(), buf, sizeof(buf)), 3);
+    EXPECT_EQ(read(p.in.get(), buf, sizeof(buf)), 4);
     p.fill();
     ASSERT_EQ(fcntl(p.out.get(), F_SETFL, O_NONBLOCK), 0);
     char block[4096];
@@ -252,4 +266,21 @@ TEST(npread, reads_at_a_position)
     EXPECT_EQ(errno, EBADF);
     ASSERT_EQ(log.messages(ll::error).size(), 1u);
     EXPECT_TRUE(log.messages(ll::error)[0].starts_with("npread: pread(-1, "));
+}
+
+TEST(npread, holds_a_harmless_error_against_the_call_only_when_verbose)
+{
+    const int status = prk::in_child([] {
+        const int fd = memfd_create("data", 0);
+        if (!prk::fail_syscall(SYS_pread64, EAGAIN, prk::arg_is{0, static_cast<unsigned>(fd)})) return NO_FILTER;
+        LogCapture log;
+        char buf[4];
+        if (npread(fd, buf, sizeof(buf), 0, 0) != -1 || errno != EAGAIN) return 1;
+        if (npread(fd, buf, sizeof(buf), 0, 0xfffffffe) != -1 || !log.messages().empty()) return 2;
+        if (npread(fd, buf, sizeof(buf), 0, FDIO_VERBOSE) != -1) return 3;
+        const Lines errors = log.messages(ll::error);
+        return errors.size() == 1 && errors[0].starts_with("npread: pread(") ? 0 : 4;
+    });
+    if (status == NO_FILTER) GTEST_SKIP() << "no system call filters to be had here";
+    EXPECT_EQ(status, 0);
 }
