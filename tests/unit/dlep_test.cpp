@@ -353,6 +353,25 @@ TEST(dlep_repos, asserts_a_comparison_that_comes_to_rest)
     EXPECT_DEATH(dlep_repos(l.lh, a, 1, restless), asserts("i <= l->count"));
 }
 
+TEST(dlep_repos, has_one_step_more_than_there_are_records_to_come_to_rest)
+{
+    static int moves;
+    const auto restless = [](const void* d, const void* other) {
+        if (moves == 0) return 0;
+        --moves;
+        return static_cast<const Rec*>(d)->head.prev == &static_cast<const Rec*>(other)->head ? 1 : -1;
+    };
+    List l;
+    Rec* a = l.append(1);
+    l.append(2);
+    moves = 2; // to the head and back, and the third step finds it at rest
+    EXPECT_EQ(dlep_repos(l.lh, a, 1, restless), a);
+    EXPECT_EQ(moves, 0);
+    EXPECT_EQ(keys(l.lh), (Keys{2, 1}));
+    moves = 3;
+    EXPECT_DEATH(dlep_repos(l.lh, a, 1, restless), asserts("i <= l->count"));
+}
+
 TEST(dlep_repos, compares_its_record_with_the_neighbours_and_not_the_other_way_round)
 {
     static const void* moved;
