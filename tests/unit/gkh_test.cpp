@@ -622,6 +622,22 @@ TEST(gkh_validate, objects_to_each_broken_field)
     EXPECT_TRUE(objects([](ht_t& t) { t.hseed += 1; })); // the records stand in other slots
 }
 
+TEST(gkh_validate, objects_to_broken_fields_that_no_record_tells_of)
+{
+    StrTable s(100);
+    const ht_t good = *table_of(s.h);
+    table_of(s.h)->rlen = 127;
+    EXPECT_FALSE(skht_validate(s.h));
+    *table_of(s.h) = good;
+    table_of(s.h)->rlen = 8388608; // more than the greatest capacity makes
+    EXPECT_FALSE(skht_validate(s.h));
+    *table_of(s.h) = good;
+    table_of(s.h)->icalc = nullptr;
+    EXPECT_FALSE(skht_validate(s.h));
+    *table_of(s.h) = good;
+    EXPECT_TRUE(skht_validate(s.h));
+}
+
 TEST(gkh_validate, objects_to_a_chain_out_of_order)
 {
     StrTable s(100, same_slot);
