@@ -123,6 +123,7 @@ std::vector<std::string> LogCapture::lines() const
     for (size_t pos = 0; pos < all.size();) {
         const size_t end = std::min(all.find('\n', pos), all.size());
         out.push_back(all.substr(pos, end - pos));
+        if (end == all.size()) out.back() += NO_LINE_END;
         pos = end + 1;
     }
     return out;

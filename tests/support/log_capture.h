@@ -18,6 +18,9 @@
 #include <string_view>
 #include <vector>
 
+// What a last line shows that has no line end, so that a message that lost its own is not taken for a whole one.
+inline constexpr std::string_view NO_LINE_END = "<no line end>";
+
 class LogCapture
 {
 public:
@@ -29,7 +32,7 @@ public:
 
     // All that was written, as it is.
     std::string text() const;
-    // The lines without their line ends; a last line without one counts too.
+    // The lines without their line ends; a last line without one counts too, and ends in NO_LINE_END.
     std::vector<std::string> lines() const;
     // The lines without time, process ID, level tag and the channel's group.
     std::vector<std::string> messages() const;

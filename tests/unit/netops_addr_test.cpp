@@ -123,7 +123,8 @@ TEST(name2af, refuses_all_with_an_unfinished_line)
 {
     LogCapture log;
     EXPECT_EQ(name2af("all"), -1);
-    EXPECT_EQ(log.messages(ll::error), (Lines{"name2af: unsupported address family [all] in configuration."}));
+    EXPECT_EQ(log.messages(ll::error),
+              (Lines{"name2af: unsupported address family [all] in configuration." + std::string(NO_LINE_END)}));
     EXPECT_NE(log.text().back(), '\n');
     EXPECT_EQ(name2af("ALL"), -1);
 }

@@ -209,7 +209,8 @@ TEST(usock_open, refuses_a_playlist_with_an_unfinished_line)
     Source s;
     LogCapture log;
     EXPECT_EQ(s.open("m3u://h/a"), -1);
-    EXPECT_EQ(log.messages(ll::error), (Lines{"usock_open: unsupported type of URI [m3u://h/a]"}));
+    EXPECT_EQ(log.messages(ll::error),
+              (Lines{"usock_open: unsupported type of URI [m3u://h/a]" + std::string(NO_LINE_END)}));
     EXPECT_NE(log.text().back(), '\n');
     EXPECT_EQ(s.uc.url_kind, URI_HLS);
     EXPECT_EQ(s.uc.url_path, nullptr);
