@@ -1,5 +1,4 @@
 """The example service `echo` as a process: connections over TCP and a local socket, load, time-outs, its end."""
-import ctypes
 import os
 import re
 import resource
@@ -11,12 +10,12 @@ from pathlib import Path
 
 import pytest
 
-from conftest import ASAN_BUILD, BUILD, DEADLINE, free_port, wait_until
+from conftest import BUILD, DEADLINE, free_port, wait_until
+from service import builds, listening_socket
 
 PIECE = b"0123456789abcdef" * 1024
 QUEUE_MAX = 1000  # requests of a listener
 RESET = b"\1\0\0\0\0\0\0\0"  # SO_LINGER: on, for no time
-SYS_PIDFD_GETFD = 438
 
 
 class Echo:
@@ -81,22 +80,11 @@ class Echo:
 
     def listener(self, alias):
         """The listening socket itself, as a descriptor of ours."""
-        number = re.findall(rf"STARTED listener fd(\d+) for usr requests on {alias}:", self.log())[-1]
-        libc = ctypes.CDLL(None, use_errno=True)
-        pidfd = os.pidfd_open(self.process.pid)
-        fd = libc.syscall(SYS_PIDFD_GETFD, pidfd, int(number), 0)
-        os.close(pidfd)
-        if fd < 0:
-            pytest.skip(f"no descriptor of another process here: {os.strerror(ctypes.get_errno())}")
-        return socket.socket(fileno=fd)
+        return listening_socket(self.process.pid, self.log(), alias)
 
     def stop(self, number=signal.SIGTERM):
         self.process.send_signal(number)
         return self.process.wait(DEADLINE)
-
-
-def builds():
-    return [pytest.param(b, id=b.name) for b in (BUILD, ASAN_BUILD) if b == BUILD or (b / "example_echo").exists()]
 
 
 @pytest.fixture
@@ -130,7 +118,7 @@ def take(sock, size):
     return data
 
 
-@pytest.mark.parametrize("build", builds())
+@pytest.mark.parametrize("build", builds("example_echo"))
 def test_what_is_sent_comes_back(echo, build):
     echo.start(build=build)
     for sock in (echo.tcp(), echo.local()):
@@ -148,7 +136,7 @@ def test_what_is_sent_comes_back(echo, build):
     assert "(ERR)" not in log
 
 
-@pytest.mark.parametrize("build", builds())
+@pytest.mark.parametrize("build", builds("example_echo"))
 def test_a_peer_that_does_not_read_holds_nobody_up(echo, build):
     echo.start(build=build)
     with echo.tcp() as slow, echo.tcp() as other:
@@ -164,7 +152,7 @@ def test_a_peer_that_does_not_read_holds_nobody_up(echo, build):
         assert take(slow, sent) == want[:sent]
 
 
-@pytest.mark.parametrize("build", builds())
+@pytest.mark.parametrize("build", builds("example_echo"))
 def test_a_peer_that_resets_its_connection_is_gone(echo, build):
     echo.start(build=build)
     before = echo.descriptors()
@@ -177,7 +165,7 @@ def test_a_peer_that_resets_its_connection_is_gone(echo, build):
     assert echo.stop() == 0
 
 
-@pytest.mark.parametrize("build", builds())
+@pytest.mark.parametrize("build", builds("example_echo"))
 def test_connections_that_die_while_the_service_is_held_up_end_in_one_turn(echo, build):
     echo.start(build=build)
     before = echo.descriptors()
@@ -225,7 +213,7 @@ def test_a_connection_that_speaks_outlives_one_that_is_silent(echo):
 # ---- load -------------------------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("build", builds())
+@pytest.mark.parametrize("build", builds("example_echo"))
 def test_the_thousand_and_first_connection_is_refused(echo, many_descriptors, build):
     echo.start(f"max_requests = {2 * QUEUE_MAX};", build=build, descriptors=1024)
     socks = echo.queue(echo.tcp, QUEUE_MAX)

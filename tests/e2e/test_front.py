@@ -1,5 +1,4 @@
 """The example service `front` as a process: real clients, bad requests on raw sockets, load, time-outs, its end."""
-import ctypes
 import os
 import re
 import resource
@@ -15,7 +14,8 @@ from contextlib import contextmanager
 
 import pytest
 
-from conftest import ASAN_BUILD, BUILD, DEADLINE, ROOT, free_port, need, wait_until
+from conftest import BUILD, DEADLINE, ROOT, free_port, need, wait_until
+from service import builds, listening_socket
 
 SEGMENT = (ROOT / "tests/data/sample.ts").read_bytes()
 PLAYLIST = b"#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:20\n#EXTINF:15.0,\n1.ts\n#EXT-X-ENDLIST\n"
@@ -24,7 +24,6 @@ TARGET_MAX = 2047  # of its target
 BIG = 64 << 20     # more than the sockets of a connection hold
 TURN_REPLIES = 16  # of a connection, until the others have their turn
 REFUSED_MAX = 20   # connections above the maximum that are told so
-SYS_PIDFD_GETFD = 438
 
 Reply = namedtuple("Reply", "status headers body head")
 
@@ -97,14 +96,7 @@ class Front:
 
     def listener(self):
         """The listening socket itself, as a descriptor of ours."""
-        number = re.findall(r"STARTED listener fd(\d+) for usr requests", self.log())[-1]
-        libc = ctypes.CDLL(None, use_errno=True)
-        pidfd = os.pidfd_open(self.process.pid)
-        fd = libc.syscall(SYS_PIDFD_GETFD, pidfd, int(number), 0)
-        os.close(pidfd)
-        if fd < 0:
-            pytest.skip(f"no descriptor of another process here: {os.strerror(ctypes.get_errno())}")
-        return socket.socket(fileno=fd)
+        return listening_socket(self.process.pid, self.log())
 
     @contextmanager
     def halted(self):
@@ -130,10 +122,6 @@ class Front:
         return self.process.wait(DEADLINE)
 
 
-def builds():
-    return [pytest.param(b, id=b.name) for b in (BUILD, ASAN_BUILD) if b == BUILD or (b / "example_front").exists()]
-
-
 @pytest.fixture
 def front(tmp_path):
     service = Front(tmp_path)
@@ -143,7 +131,7 @@ def front(tmp_path):
         service.process.wait()
 
 
-@pytest.fixture(params=builds())
+@pytest.fixture(params=builds("example_front"))
 def any_front(front, request):
     """A service that runs, as built and under AddressSanitizer; its end must be in order."""
     front.start(build=request.param)
@@ -839,7 +827,7 @@ def test_a_listening_socket_that_fails_ends_the_process(front, where):
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
-@pytest.mark.parametrize("build", builds())
+@pytest.mark.parametrize("build", builds("example_front"))
 def test_it_ends_in_order_with_connections_open(front, build, number):
     front.start(build=build)
     with start_big(front), front.connect() as reading, front.connect() as idle:
